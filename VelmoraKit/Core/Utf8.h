@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "VelmoraKit/Core/Bytes.h"
+
+namespace velmora {
+
+/// The bytes as UTF-8 text that is sure to be valid: each longest run that begins like a character but does
+/// not end as one becomes a U+FFFD, as browsers do it.
+std::string repairedUtf8(ByteView bytes);
+
+/// The text for a log or a terminal, whoever wrote it: valid UTF-8, a space for each control character, so
+/// that it stays one line and commands nothing, and no more than about `longest` bytes of it.
+std::string printableLine(std::string_view text, std::size_t longest);
+
+}  // namespace velmora
