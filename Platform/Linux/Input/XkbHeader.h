@@ -1,0 +1,6 @@
+#pragma once
+
+// xcb/xkb.h is C and has a field named `explicit`.
+#define explicit explicit_
+#include <xcb/xkb.h>
+#undef explicit
