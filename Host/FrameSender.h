@@ -1,0 +1,63 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "Host/BackPressure.h"
+#include "Host/HostSession.h"
+#include "VelmoraKit/Core/Bytes.h"
+#include "VelmoraKit/Transport/DatagramFlow.h"
+#include "VelmoraKit/Transport/MessageConnection.h"
+#include "VelmoraKit/Wire/VideoRecords.h"
+
+namespace velmora {
+
+/// Puts encoded pictures on the wire, as datagrams if there is a flow for them, and keeps the last ones to
+/// repair what got lost. Thread-safe, since a repair must not wait for the picture that is being encoded: new
+/// pictures come on the capture queue, requests for repair on the connection's.
+class FrameSender {
+public:
+    /// About two seconds at full rate; no viewer asks for anything older.
+    static constexpr std::uint32_t historyLength = 120;
+
+    /// `flow` may be none.
+    FrameSender(std::shared_ptr<MessageConnection> connection, std::shared_ptr<DatagramFlow> flow);
+
+    /// Sends an encoded VideoFrame record. Its number; the first is 1.
+    std::uint32_t send(const Bytes& record);
+    /// Sends all packets of a frame once more without anybody having asked.
+    void sendCopy(std::uint32_t frame);
+    /// Sends what the viewer misses, and says whether there was anything to send.
+    bool resend(const Nack& nack);
+
+    /// What waits to leave.
+    BackPressure::Load load() const;
+    /// The path's, if pictures go as datagrams.
+    std::optional<PathStatistics> pathStatistics() const;
+
+    HostSession::Statistics takeStatistics();
+    void countDroppedFrame() { ++droppedFrames_; }
+    /// Pictures not taken because too much waited, since the last call.
+    std::uint32_t takeDroppedFrames() { return droppedFrames_.exchange(0); }
+
+private:
+    using Packets = std::vector<SharedBytes>;
+    std::size_t payloadSize() const;
+    Packets packetsOf(std::uint32_t frame) const;
+
+    const std::shared_ptr<MessageConnection> connection_;
+    const std::shared_ptr<DatagramFlow> flow_;
+    std::atomic<std::uint32_t> droppedFrames_{0};
+    std::uint32_t lastFrame_ = 0;  // capture queue
+
+    mutable std::mutex lock_;  // guards what follows; nothing is called while it is held
+    std::map<std::uint32_t, Packets> sentPackets_;
+    HostSession::Statistics statistics_;
+};
+
+}  // namespace velmora

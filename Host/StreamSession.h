@@ -1,0 +1,68 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "Host/DisplayControl.h"
+#include "Host/FrameSender.h"
+#include "Host/HostSession.h"
+#include "Host/InputReceiver.h"
+#include "Host/QueueOwned.h"
+#include "Host/SessionLog.h"
+#include "Host/VideoPipeline.h"
+#include "Host/ViewerMessages.h"
+#include "Host/VirtualDisplay.h"
+#include "Platform/Displays.h"
+#include "Platform/KeepAwake.h"
+#include "Platform/ScreenCapture.h"
+#include "Platform/VideoCompressor.h"
+
+namespace velmora {
+
+/// One viewer's stay on this machine. It only builds the parts, each on the queue where it lives, and takes
+/// them down again: what is shown is DisplayControl's affair, how it gets onto the wire VideoPipeline's, what
+/// the viewer sends is answered by ViewerMessages. Owned by StreamServer, on the main queue.
+class StreamSession final : public HostSession {
+public:
+    /// All outlive the session and the blocks it leaves on the queues.
+    struct Services {
+        Queue& main;
+        Queue& capture;  // "velmora.capture"
+        Queue& display;  // "velmora.display": may block
+        Queue& input;    // "velmora.input": may block
+        KeepAwake& keepAwake;
+        Displays& displays;
+        ScreenCaptureFactory& captures;
+        VideoCompressorFactory& compressors;
+        VirtualDisplayFactory* virtualDisplays = nullptr;  // none: there are no virtual displays
+        InputReceiverFactory makeInput;                    // unset: input is ignored
+        /// Of one core, by this process, since the last call; asked on the connection's queue.
+        std::function<double()> cpuPercent;
+    };
+
+    StreamSession(AdmittedViewer viewer, Services services);
+    ~StreamSession() override;
+
+    void start(std::function<void(Status)> done) override;
+    void stop() override;
+    std::function<void(MessageType, Bytes)> messageHandler() override;
+    Statistics takeStatistics() override { return sender_->takeStatistics(); }
+
+private:
+    void keepDisplayOn();
+    void listenToFlow();
+
+    const AdmittedViewer viewer_;
+    const Services services_;
+    const SessionLog log_;
+    const std::shared_ptr<FrameSender> sender_;
+    QueueOwned<InputSeat> input_;
+    QueueRef<VideoPipeline> video_;  // owned by display_
+    QueueOwned<DisplayControl> display_;
+    std::shared_ptr<ViewerMessages> messages_;  // on the connection's queue
+    std::unique_ptr<KeepAwake::Assertion> activity_;
+    std::unique_ptr<KeepAwake::Assertion> displayAssertion_;
+    Liveness alive_;
+};
+
+}  // namespace velmora
