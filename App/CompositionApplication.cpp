@@ -1,0 +1,146 @@
+// Builds the application out of this system's services. Order is ownership: what is declared later uses what
+// stands above it, and goes first.
+
+#include <fmt/format.h>
+
+#include <QCoreApplication>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "App/HostApplication.h"
+#include "App/Roles.h"
+#include "Host/InputInjector.h"
+#include "Host/StreamSession.h"
+#include "Platform/Linux/Capture/MakeScreenCapture.h"
+#include "Platform/Linux/Codec/VideoCodecFactories.h"
+#include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
+#include "Platform/Linux/Display/X11Displays.h"
+#include "Platform/Linux/EventLoop/QtMainQueue.h"
+#include "Platform/Linux/EventLoop/QuitSignals.h"
+#include "Platform/Linux/Input/X11EventPoster.h"
+#include "Platform/Linux/Input/X11KeyboardLayout.h"
+#include "Platform/Linux/Network/QuicTransportStack.h"
+#include "Platform/Linux/Secrets/GnuTlsKeyStore.h"
+#include "Platform/Linux/Secrets/LinuxSecretStore.h"
+#include "Platform/Linux/Secrets/SecretServiceKeyring.h"
+#include "Platform/Linux/System/JsonPreferenceStore.h"
+#include "Platform/Linux/System/LinuxKeepAwake.h"
+#include "Platform/Linux/System/LinuxMachineInfo.h"
+#include "Platform/Linux/System/SystemLog.h"
+#include "Shared/RemoteDevices.h"
+#include "VelmoraKit/Core/ProcessCPUSampler.h"
+#include "VelmoraKit/Core/ThreadQueue.h"
+#include "VelmoraKit/Transport/HostCertificate.h"
+
+namespace velmora {
+
+namespace {
+
+void printLine(const std::string& line) {
+    fmt::print("{}\n", line);
+    std::fflush(stdout);
+}
+
+/// Everything that a host needs of this system.
+class HostServices {
+public:
+    explicit HostServices(Queue& main) : main_(main), keepAwake_(main) {}
+
+    /// What runs ends first, each before what it posts to or has made there; then nothing runs any more, and
+    /// the rest may go in any order.
+    ~HostServices() {
+        transport_.reset();
+        quic_.end();
+        display_.end();
+        input_.end();
+        capture_.end();
+        worker_.end();
+    }
+    HostServices(const HostServices&) = delete;
+    HostServices& operator=(const HostServices&) = delete;
+
+    HostApplication::Services forApplication() {
+        return {.preferences = preferences_,
+                .keychain = keychain_,
+                .worker = worker_,
+                .server = {
+                    .main = main_,
+                    .quic = quic_,
+                    .transport = *transport_,
+                    .discovery = discovery_,
+                    .keepAwake = keepAwake_,
+                    .machine = machine_,
+                    .loadCertificate = [this] { return HostCertificate::load(keys_); },
+                    .machineKind = [this] { return thisMacKind(preferences_, machine_); },
+                    .makeSession = [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }}};
+    }
+
+private:
+    std::unique_ptr<HostSession> makeSession(AdmittedViewer viewer) {
+        return std::make_unique<StreamSession>(
+            std::move(viewer),
+            StreamSession::Services{
+                .main = main_,
+                .capture = capture_,
+                .display = display_,
+                .input = input_,
+                .keepAwake = keepAwake_,
+                .displays = *displays_,
+                .captures = *captures_,
+                .compressors = *compressors_,
+                .makeInput = [this](const InputReceiverOptions& options) { return makeInput(options); },
+                .cpuPercent = [this] { return cpu_.sample(); }});
+    }
+
+    /// On the input queue.
+    std::unique_ptr<InputReceiver> makeInput(const InputReceiverOptions& options) {
+        auto poster = posters_->make({.agent = options.agent});
+        if (!poster) return nullptr;
+        return std::make_unique<InputInjector>(std::move(poster), *layout_, *displays_, input_,
+                                               InputInjector::Options{});
+    }
+
+    Queue& main_;
+    JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
+    SecretServiceKeyring keyring_;
+    LinuxSecretStore secrets_{keyring_, LinuxSecretStore::defaultFile()};
+    Keychain keychain_{secrets_};
+    GnuTlsKeyStore keys_{secrets_, GnuTlsKeyStore::defaultFolder()};
+    LinuxMachineInfo machine_;
+    LinuxKeepAwake keepAwake_;
+    AvahiServiceDiscovery discovery_;
+    std::unique_ptr<Displays> displays_ = makeDisplays();
+    std::unique_ptr<ScreenCaptureFactory> captures_ = makeScreenCaptureFactory();
+    std::unique_ptr<VideoCompressorFactory> compressors_ = makeVideoCompressorFactory();
+    std::unique_ptr<EventPosterFactory> posters_ = makeEventPosterFactory();
+    std::unique_ptr<KeyboardLayout> layout_ = makeKeyboardLayout();
+    ProcessCPUSampler cpu_;  // of the QUIC queue
+    ThreadQueue worker_{"velmora.worker"};
+    ThreadQueue input_{"velmora.input"};
+    ThreadQueue display_{"velmora.display"};
+    ThreadQueue capture_{"velmora.capture"};
+    ThreadQueue quic_{"velmora.quic"};
+    std::unique_ptr<NetworkStack> transport_ = makeQuicTransportStack();
+};
+
+}  // namespace
+
+int runApplication(int argc, char** argv) {
+    QuitSignals quitSignals;  // before any thread
+    QCoreApplication qt(argc, argv);
+    QtMainQueue main;
+    SystemLog::install();
+
+    HostServices services(main);
+    HostApplication application(services.forApplication());
+    application.onLine = printLine;
+    application.onQuit = [] { QCoreApplication::quit(); };
+    quitSignals.deliver(main, [&application] { application.quit(); });
+    application.start();
+    const int code = QCoreApplication::exec();
+    quitSignals.stop();
+    return code;
+}
+
+}  // namespace velmora

@@ -1,0 +1,102 @@
+#include "Benchmarks/Stream/BenchViewer.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <utility>
+
+#include "Benchmarks/Stream/ScreenLoad.h"
+
+namespace velmora {
+
+using namespace std::chrono_literals;
+
+struct BenchViewer::Shared {
+    mutable std::mutex mutex;  // guards everything below
+    std::condition_variable changed;
+    std::vector<Seen> seen;
+    std::uint64_t decoded = 0;
+    std::optional<HostClock::time_point> first;
+    std::string error;
+
+    void add(const DecodedFrame& frame) {
+        const auto now = HostClock::now();
+        const auto number = ScreenLoad::numberIn(*frame.picture);
+        std::lock_guard lock(mutex);
+        ++decoded;
+        if (!first) {
+            first = now;
+            changed.notify_all();
+        }
+        if (frame.isChange && number) seen.push_back({now, *number});
+    }
+};
+
+namespace {
+
+std::unique_ptr<LookServices> composeIn(const ScratchFolder& folder) {
+    setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
+    return composeLook();
+}
+
+}  // namespace
+
+BenchViewer::BenchViewer() : services_(composeIn(folder_)), shared_(std::make_shared<Shared>()) {}
+
+BenchViewer::~BenchViewer() {
+    close();
+}
+
+std::optional<std::chrono::duration<double>> BenchViewer::connect(std::uint16_t port,
+                                                                  const std::string& password) {
+    const Endpoint endpoint = Endpoint::hostPort("127.0.0.1", port);
+    ViewerOptions options;
+    options.target = RemoteDevices::Target(endpoint);
+    options.name = "host";
+    options.password = password;
+    options.clientName = "benchmark";
+    const auto start = HostClock::now();
+    services_->main().runSync([&] {
+        connection_ = std::make_unique<ViewerConnection>(options, services_->viewer(), services_->main(),
+                                                         services_->client());
+        connection_->onDecodedFrame = [shared = shared_](const DecodedFrame& frame) { shared->add(frame); };
+        connection_->onEnded = [shared = shared_](const ConnectionError& error) {
+            std::lock_guard lock(shared->mutex);
+            shared->error = error.title;
+            shared->changed.notify_all();
+        };
+        connection_->start(std::nullopt);
+    });
+    std::unique_lock lock(shared_->mutex);
+    shared_->changed.wait_for(lock, 10s, [&] { return shared_->first || !shared_->error.empty(); });
+    if (!shared_->first) {
+        fmt::print(stderr, "no picture: {}\n", shared_->error);
+        return std::nullopt;
+    }
+    return *shared_->first - start;
+}
+
+void BenchViewer::close() {
+    services_->main().runSync([&] {
+        if (connection_) connection_->close();
+        connection_.reset();
+    });
+    std::lock_guard lock(shared_->mutex);
+    shared_->first.reset();
+    shared_->seen.clear();
+    shared_->error.clear();
+}
+
+std::vector<BenchViewer::Seen> BenchViewer::take() {
+    std::lock_guard lock(shared_->mutex);
+    return std::exchange(shared_->seen, {});
+}
+
+std::uint64_t BenchViewer::framesDecoded() const {
+    std::lock_guard lock(shared_->mutex);
+    return shared_->decoded;
+}
+
+}  // namespace velmora

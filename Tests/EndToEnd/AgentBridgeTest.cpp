@@ -1,0 +1,44 @@
+#include <fmt/format.h>
+
+#include <csignal>
+
+#include "Tests/EndToEnd/EndToEndTest.h"
+
+namespace velmora {
+namespace {
+
+class AgentBridgeTest : public EndToEndTest {
+protected:
+    RunningProgram::Place place() { return {.home = homeOf("agent"), .takesLines = true}; }
+    static std::string call(int id, const std::string& tool, const std::string& arguments) {
+        return fmt::format(
+            R"({{"jsonrpc":"2.0","id":{},"method":"tools/call","params":{{"name":"{}","arguments":{}}}}})",
+            id, tool, arguments);
+    }
+};
+
+TEST_F(AgentBridgeTest, anAgentLooksAtAHostAndLeavesIt) {
+    ASSERT_NO_FATAL_FAILURE(startServer());
+    const auto host = startHost();
+    RunningProgram agent({VELMORA_PROGRAM, "mcp", "--own-display"}, place());
+    agent.tell(call(1, "connect", fmt::format(R"({{"device":"{}","password":"{}"}})", address, password)));
+    EXPECT_TRUE(agent.says(
+        fmt::format(R"("text":"Connected to {} via LAN, screen 1280×800"}}],"isError":false)", address)))
+        << agent.said();
+    agent.tell(call(2, "screenshot", "{}"));
+    EXPECT_TRUE(
+        agent.says(R"("mimeType":"image/jpeg"},{"type":"text","text":"1280×800 px"}],"isError":false)"));
+    agent.tell(call(3, "move", R"({"x":320,"y":200})"));
+    EXPECT_TRUE(agent.says("Moved to 320, 200"));
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.end(), 0);
+}
+
+TEST_F(AgentBridgeTest, whatIsNotUnderstoodEndsItAtOnce) {
+    RunningProgram agent({VELMORA_PROGRAM, "mcp", "--size", "1280"}, place());
+    EXPECT_EQ(agent.end(), 2);
+    EXPECT_EQ(agent.said(), "usage: Velmora mcp [--device NAME] [--size WIDTHxHEIGHT | --own-display]\n");
+}
+
+}  // namespace
+}  // namespace velmora
