@@ -27,7 +27,12 @@
 #include "Platform/Linux/System/NetworkManagerPathMonitor.h"
 #include "Platform/Linux/System/SystemLog.h"
 #include "Platform/Linux/System/TurboJpegEncoder.h"
+#include "Platform/Linux/Web/QtHttpClient.h"
+#include "Platform/Linux/Web/QtWebSocket.h"
+#include "Shared/EndpointResolver.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
+#include "VelmoraKit/Transport/UdpProbes.h"
+#include "Viewer/Session/SignalingRendezvousPath.h"
 
 namespace velmora {
 
@@ -35,31 +40,19 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Without a way through the rendezvous service there is nobody to ask who is online.
-class NoRendezvous final : public HttpClient {
-public:
-    explicit NoRendezvous(Queue& main) : main_(main) {}
-    void post(Post, Completion completion) override {
-        debugLog("⚠︎ This build asks no rendezvous service: only Macs on this network can be reached");
-        main_.post(liveness_.guard(
-            [completion = std::move(completion)] { completion(Failure{"there is no rendezvous service"}); }));
-    }
-
-private:
-    Queue& main_;
-    Liveness liveness_;
-};
-
 /// Everything that a viewer without a window needs of this system.
 class AgentServices {
 public:
-    explicit AgentServices(Queue& main) : main_(main), paths_(main), http_(main) {}
+    AgentServices(Queue& main, const SignalingUrl& rendezvous)
+        : main_(main), rendezvous_(rendezvous), paths_(main) {}
 
     AgentSession::Services forSession() {
         return {.viewer = {.transport = *network_,
                            .preferences = preferences_,
                            .paths = paths_,
-                           .decompressors = *decompressors_},
+                           .decompressors = *decompressors_,
+                           .makeRendezvousPath = SignalingRendezvousPath::factory(
+                               rendezvous_, {sockets_, probes_, preferences_, main_})},
                 .devices = known_,
                 .jpeg = jpeg_,
                 .main = main_,
@@ -70,6 +63,7 @@ public:
 
 private:
     Queue& main_;
+    const SignalingUrl rendezvous_;
     JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
     SecretServiceKeyring keyring_;
     LinuxSecretStore secrets_{keyring_, LinuxSecretStore::defaultFile()};
@@ -77,7 +71,9 @@ private:
     LinuxMachineInfo machine_;
     NetworkManagerPathMonitor paths_;
     AvahiServiceDiscovery discovery_;
-    NoRendezvous http_;
+    EndpointResolver resolver_{discovery_, main_};
+    QtHttpClient http_;
+    QtWebSocketFactory sockets_;
     std::unique_ptr<VideoDecompressorFactory> decompressors_ = makeVideoDecompressorFactory();
     TurboJpegEncoder jpeg_;
     ThreadQueue worker_{"velmora.worker"};
@@ -88,14 +84,18 @@ private:
                             .http = http_,
                             .main = main_,
                             .worker = worker_,
-                            .rendezvous = SignalingUrl::ofThisBuild()}};
+                            .rendezvous = rendezvous_}};
     KnownDevices known_{devices_, keychain_, main_, worker_};
-    std::unique_ptr<NetworkStack> network_ = makeQuicTransportStack();  // last: it ends first
+    // Last: it ends before whatever it posts to.
+    std::unique_ptr<NetworkStack> network_ = makeQuicTransportStack(
+        [this](const Endpoint& service, auto found) { resolver_.resolve(service, std::move(found)); });
+    UdpProbes probes_{*network_, rendezvous_.host(), main_};
 };
 
 /// Serves one agent from its first line to its last.
-void serve(const AgentArguments& arguments, Queue& main, QuitSignals& quitSignals, LineStreams& agent) {
-    AgentServices services(main);
+void serve(const AgentArguments& arguments, const SignalingUrl& rendezvous, Queue& main,
+           QuitSignals& quitSignals, LineStreams& agent) {
+    AgentServices services(main, rendezvous);
     AgentSession session({.deviceName = arguments.deviceName,
                           .display = arguments.display,
                           .clientName = services.clientName()},
@@ -112,7 +112,7 @@ void serve(const AgentArguments& arguments, Queue& main, QuitSignals& quitSignal
 
 }  // namespace
 
-int runAgentBridge(int argc, char** argv) {
+int runAgentBridge(int argc, char** argv, const SignalingUrl& rendezvous) {
     const auto arguments = AgentArguments::parse({argv, argv + argc});
     if (!arguments) {
         std::fprintf(stderr, "%s\n", std::string(AgentArguments::usage).c_str());
@@ -132,7 +132,7 @@ int runAgentBridge(int argc, char** argv) {
         if (entry) diary.write(DebugLog::lineOf(*entry));
     });
 
-    serve(*arguments, main, quitSignals, agent);
+    serve(*arguments, rendezvous, main, quitSignals, agent);
 
     DebugLog::shared().setObserver(nullptr, nullptr);
     agent.flush(1s);  // a large picture may still be on its way

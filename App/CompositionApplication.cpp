@@ -20,6 +20,7 @@
 #include "Platform/Linux/EventLoop/QuitSignals.h"
 #include "Platform/Linux/Input/X11EventPoster.h"
 #include "Platform/Linux/Input/X11KeyboardLayout.h"
+#include "Platform/Linux/Network/LinuxNetworkAddresses.h"
 #include "Platform/Linux/Network/QuicTransportStack.h"
 #include "Platform/Linux/Secrets/GnuTlsKeyStore.h"
 #include "Platform/Linux/Secrets/LinuxSecretStore.h"
@@ -28,10 +29,12 @@
 #include "Platform/Linux/System/LinuxKeepAwake.h"
 #include "Platform/Linux/System/LinuxMachineInfo.h"
 #include "Platform/Linux/System/SystemLog.h"
+#include "Platform/Linux/Web/QtWebSocket.h"
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/ProcessCPUSampler.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
 #include "VelmoraKit/Transport/HostCertificate.h"
+#include "VelmoraKit/Transport/UdpProbes.h"
 
 namespace velmora {
 
@@ -45,7 +48,8 @@ void printLine(const std::string& line) {
 /// Everything that a host needs of this system.
 class HostServices {
 public:
-    explicit HostServices(Queue& main) : main_(main), keepAwake_(main) {}
+    HostServices(Queue& main, const SignalingUrl& rendezvous)
+        : main_(main), rendezvous_(rendezvous), keepAwake_(main) {}
 
     /// What runs ends first, each before what it posts to or has made there; then nothing runs any more, and
     /// the rest may go in any order.
@@ -73,7 +77,11 @@ public:
                     .machine = machine_,
                     .loadCertificate = [this] { return HostCertificate::load(keys_); },
                     .machineKind = [this] { return thisMacKind(preferences_, machine_); },
-                    .makeSession = [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }}};
+                    .makeSession = [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }},
+                .rendezvous = rendezvous_,
+                .sockets = sockets_,
+                .probes = probes_,
+                .addresses = addresses_};
     }
 
 private:
@@ -102,6 +110,7 @@ private:
     }
 
     Queue& main_;
+    const SignalingUrl rendezvous_;
     JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
     SecretServiceKeyring keyring_;
     LinuxSecretStore secrets_{keyring_, LinuxSecretStore::defaultFile()};
@@ -110,6 +119,8 @@ private:
     LinuxMachineInfo machine_;
     LinuxKeepAwake keepAwake_;
     AvahiServiceDiscovery discovery_;
+    LinuxNetworkAddresses addresses_;
+    QtWebSocketFactory sockets_;
     std::unique_ptr<Displays> displays_ = makeDisplays();
     std::unique_ptr<ScreenCaptureFactory> captures_ = makeScreenCaptureFactory();
     std::unique_ptr<VideoCompressorFactory> compressors_ = makeVideoCompressorFactory();
@@ -122,17 +133,18 @@ private:
     ThreadQueue capture_{"velmora.capture"};
     ThreadQueue quic_{"velmora.quic"};
     std::unique_ptr<NetworkStack> transport_ = makeQuicTransportStack();
+    UdpProbes probes_{*transport_, rendezvous_.host(), main_};
 };
 
 }  // namespace
 
-int runApplication(int argc, char** argv) {
+int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
     QuitSignals quitSignals;  // before any thread
     QCoreApplication qt(argc, argv);
     QtMainQueue main;
     SystemLog::install();
 
-    HostServices services(main);
+    HostServices services(main, rendezvous);
     HostApplication application(services.forApplication());
     application.onLine = printLine;
     application.onQuit = [] { QCoreApplication::quit(); };

@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "Host/HostSignaling.h"
 #include "Host/StreamServer.h"
 #include "Platform/PreferenceStore.h"
 #include "Shared/HostIdentity.h"
@@ -12,8 +13,9 @@
 
 namespace velmora {
 
-/// The application without a window: a host that is reachable from start to quit. Owns the identity and the
-/// server; lives on the main queue for the life of the process.
+/// The application without a window: a host that is reachable from start to quit, on its network and by its
+/// Host ID. Owns the identity, the server and its presence at the rendezvous service; lives on the main queue
+/// for the life of the process.
 class HostApplication {
 public:
     /// All outlive the application.
@@ -22,6 +24,10 @@ public:
         Keychain& keychain;
         Queue& worker;  // may block as long as the credential store does
         StreamServer::Services server;
+        SignalingUrl rendezvous;
+        WebSocketFactory& sockets;
+        UdpProbes& probes;  // on the server's transport: they leave from its port
+        const NetworkAddresses& addresses;
     };
     explicit HostApplication(const Services& services);
 
@@ -39,14 +45,16 @@ public:
 private:
     void identityChanged();
     void tellIdentity();
+    void tellPresence(const HostSignaling::Status& status);
     void tell(const std::string& line);
 
     Queue& main_;
     PreferenceStore& preferences_;
     HostIdentity identity_;
     StreamServer server_;
+    HostSignaling signaling_;
     ObserverList::Token identityObserver_;
-    std::string toldIdentity_, toldStatus_;
+    std::string toldIdentity_, toldStatus_, toldPresence_;
     bool wantsServer_ = false;  // as soon as the password can be read
     bool isQuitting_ = false;
     TimerToken goodbye_;

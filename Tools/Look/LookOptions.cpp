@@ -2,14 +2,19 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
+
+#include "Shared/HostIdentity.h"
 
 namespace velmora {
 
 const std::string_view LookOptions::usage =
-    R"(Usage: velmora-look ADDRESS --password N [options]
-Looks at a host without a window.
+    R"(Usage: velmora-look HOST --password N [options]
+Looks at a host without a window. HOST is its ID (852 290 732), found through the rendezvous service
+(VELMORA_SIGNALING names another one), an address or name, with :PORT if it is not the usual one, or what it
+advertises on this network (Name._velmora._udp.local.).
   --password N       the host's six digits
   --seconds S        how long to look (else until the picture rests)
   --type TEXT        type this first
@@ -31,6 +36,26 @@ Ends with 0, with 1 if the connection or a step failed, with 2 if it was not und
 )";
 
 namespace {
+
+constexpr std::size_t hostIdDigits = 9;
+
+bool isDigits(std::string_view text, std::string_view otherCharacters = "") {
+    return std::ranges::all_of(text, [&](char c) {
+        return (c >= '0' && c <= '9') || otherCharacters.find(c) != std::string_view::npos;
+    });
+}
+
+std::string digitsOf(std::string text) {
+    std::erase(text, ' ');
+    return text;
+}
+
+std::optional<std::string> hostIdOf(const std::string& address) {
+    if (!isDigits(address, " ")) return std::nullopt;
+    auto digits = digitsOf(address);
+    if (digits.size() != hostIdDigits) return std::nullopt;
+    return digits;
+}
 
 std::optional<std::int64_t> takeInteger(std::string_view& text) {
     std::int64_t value = 0;
@@ -72,6 +97,7 @@ public:
         while (at_ < arguments_.size() && fault_.empty()) readOne(arguments_[at_++]);
         if (fault_.empty() && options_.address.empty()) fault_ = "whom to look at?";
         if (!fault_.empty()) return Failure{fault_};
+        if (const auto digits = hostIdOf(options_.address)) options_.address = HostIdentity::grouped(*digits);
         // A fixed order, whatever that of the options.
         if (type_) options_.steps.push_back({"type", LookStep::typing(*type_)});
         if (seconds_) options_.steps.push_back({"wait", LookStep::Wait{*seconds_}});
@@ -90,11 +116,19 @@ private:
             options_.log = true;
         } else if (argument.starts_with("--")) {
             readValued(argument);
-        } else if (options_.address.empty()) {
-            options_.address = argument;
         } else {
-            fault_ = fmt::format("one address is enough, not also “{}”", argument);
+            addToAddress(argument);
         }
+    }
+
+    /// More than one word is a Host ID as it is shown.
+    void addToAddress(const std::string& word) {
+        std::string& address = options_.address;
+        const bool goesOn = !address.empty();
+        if (goesOn) address += ' ';
+        address += word;
+        if (goesOn && !(isDigits(address, " ") && digitsOf(address).size() <= hostIdDigits))
+            fault_ = fmt::format("one address is enough, not also “{}”", word);
     }
 
     void readValued(const std::string& option) {
@@ -104,7 +138,7 @@ private:
         }
         const std::string& value = arguments_[at_++];
         if (option == "--password") {
-            options_.password = value;
+            options_.password = isDigits(value, " ") ? digitsOf(value) : value;
         } else if (option == "--fingerprint") {
             options_.fingerprint = value;
         } else if (option == "--type") {
@@ -141,6 +175,16 @@ private:
 };
 
 }  // namespace
+
+RemoteDevices::Target LookOptions::target() const {
+    if (auto digits = hostIdOf(address)) return RemoteDevices::HostId{*std::move(digits)};
+    constexpr std::string_view type = "_velmora._udp";
+    const auto mark = address.find("." + std::string(type));
+    if (mark == std::string::npos) return RemoteDevices::endpointFor(address);
+    std::string_view domain = std::string_view(address).substr(mark + 1 + type.size());
+    if (domain.starts_with('.')) domain.remove_prefix(1);
+    return Endpoint::service(address.substr(0, mark), std::string(type), std::string(domain));
+}
 
 Result<LookOptions> LookOptions::parse(const std::vector<std::string>& arguments) {
     return Reader(arguments).read();

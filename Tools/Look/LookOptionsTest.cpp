@@ -23,6 +23,25 @@ TEST(LookOptionsTest, stepsHaveAnOrderOfTheirOwn) {
     EXPECT_EQ(linesOf(*LookOptions::parse({"host", "--script", "-"})), "");
 }
 
+TEST(LookOptionsTest, aHostIsAnIdAnAddressOrAService) {
+    const auto placeOf = [](const std::vector<std::string>& words) {
+        const auto options = LookOptions::parse(words);
+        if (!options) return options.error().text;
+        const auto target = options->target();
+        if (const auto* id = std::get_if<RemoteDevices::HostId>(&target))
+            return "ID " + id->digits + ", password " + options->password.value_or("");
+        const Endpoint endpoint = std::get<Endpoint>(target);
+        return (endpoint.kind == Endpoint::Kind::service ? "service " : "") + endpoint.text();
+    };
+    EXPECT_EQ(placeOf({"852290732", "--password", "858 201"}), "ID 852290732, password 858201");
+    EXPECT_EQ(placeOf({"852", "290", "--password", "1", "732"}), "ID 852290732, password 1");
+    EXPECT_EQ(LookOptions::parse({"852290732"})->address, "852 290 732");
+    EXPECT_EQ(placeOf({"852 290 73"}), "852 290 73:47272");
+    EXPECT_EQ(placeOf({"852", "290", "7321"}), "one address is enough, not also “7321”");
+    EXPECT_EQ(placeOf({"a.example:99"}), "a.example:99");
+    EXPECT_EQ(placeOf({"My Desk._velmora._udp.local."}), "service My Desk._velmora._udp.local.");
+}
+
 TEST(LookOptionsTest, sizesMayHaveAScale) {
     EXPECT_EQ(LookOptions::parse({"host", "--size", "1440x900"})->size, (DisplayRequest{1440, 900, 1}));
     EXPECT_EQ(LookOptions::parse({"host", "--size", "1440x900@2"})->size, (DisplayRequest{1440, 900, 2}));

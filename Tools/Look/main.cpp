@@ -2,10 +2,8 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <future>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -15,26 +13,19 @@
 
 #include "Platform/Linux/EventLoop/QuitSignals.h"
 #include "Platform/Linux/System/PngFile.h"
-#include "Shared/RemoteDevices.h"
 #include "Tools/Look/CompositionLook.h"
 #include "Tools/Look/LookOptions.h"
 #include "Tools/Look/Looker.h"
 #include "VelmoraKit/Core/DebugLog.h"
+#include "VelmoraKit/Signaling/SignalingClient.h"
 
 namespace velmora {
 namespace {
 
 constexpr int interrupted = 130;  // as a shell has it
 
-RemoteDevices::Target targetOf(const std::string& address) {
-    const bool isHostId =
-        address.size() == 9 && std::ranges::all_of(address, [](char c) { return c >= '0' && c <= '9'; });
-    if (isHostId) return RemoteDevices::HostId{address};
-    return RemoteDevices::endpointFor(address);
-}
-
 ViewerOptions viewerOptionsOf(const LookOptions& options) {
-    return {.target = targetOf(options.address),
+    return {.target = options.target(),
             .name = options.address,
             .password = options.password,
             .fingerprint = options.fingerprint,
@@ -56,19 +47,28 @@ Result<std::vector<LookStep>> readScript(const std::string& file) {
     return steps;
 }
 
-/// The looker as a thread that waits for input reaches it, until the looker has gone.
-struct Feed {
-    std::mutex lock;
-    Queue* main = nullptr;     // guarded by `lock`; none once the end has begun
-    Looker* looker = nullptr;  // on the main queue; none once it has gone
-
-    void post(std::function<void(Looker&)> work) {
-        std::lock_guard guard(lock);
-        if (!main) return;
-        main->post([this, work = std::move(work)] {
-            if (looker) work(*looker);
-        });
+/// The looker as a thread that waits for input reaches it, until the looker goes.
+class Feed {
+public:
+    void open(Queue& main, Looker& looker) {
+        std::lock_guard guard(lock_);
+        main_ = &main;
+        looker_ = &looker;
     }
+    /// What has not run by now never will: the main queue runs no more.
+    void close() {
+        std::lock_guard guard(lock_);
+        main_ = nullptr;
+    }
+    void post(std::function<void(Looker&)> work) {
+        std::lock_guard guard(lock_);
+        if (main_) main_->post([looker = looker_, work = std::move(work)] { work(*looker); });
+    }
+
+private:
+    std::mutex lock_;
+    Queue* main_ = nullptr;  // guarded by the lock, as the looker is
+    Looker* looker_ = nullptr;
 };
 
 /// Runs on a thread of its own that nobody can wait for: it may be in the middle of a read for ever.
@@ -84,43 +84,32 @@ void readStandardInput(const std::shared_ptr<Feed>& feed) {
     feed->post([](Looker& looker) { looker.endScript(); });
 }
 
-int look(const LookOptions& options, const std::vector<LookStep>& steps, const std::shared_ptr<Feed>& feed) {
+int look(const LookOptions& options, const std::vector<LookStep>& steps, const SignalingUrl& rendezvous,
+         const std::shared_ptr<Feed>& feed) {
     QuitSignals quit;  // before any thread
-    const auto services = composeLook();
-    std::promise<int> exitCode;
-    std::unique_ptr<Looker> looker;
+    const auto services = composeLook(rendezvous);
     const bool isInteractive = options.script == "-";
-
-    feed->main = &services->main();
-    services->main().runSync([&] {
-        looker = std::make_unique<Looker>(viewerOptionsOf(options), services->viewer(), services->main(),
-                                          services->client(),
-                                          Looker::Settings{.limit = options.limit,
-                                                           .printStats = options.stats,
-                                                           .printSteps = isInteractive,
-                                                           .writePng = writePng},
-                                          std::cout, std::cerr);
-        feed->looker = looker.get();
-        looker->onFinished = [&](int code) { exitCode.set_value(code); };
-        for (const LookStep& step : steps) looker->add(step);
-        if (!isInteractive) looker->endScript();
-        looker->start(options.size);
-    });
-    quit.deliver(services->main(),
-                 [feed] { feed->post([](Looker& l) { l.fail("Interrupted.", interrupted); }); });
+    Looker looker(viewerOptionsOf(options), services->viewer(), services->main(), services->client(),
+                  Looker::Settings{.limit = options.limit,
+                                   .printStats = options.stats,
+                                   .printSteps = isInteractive,
+                                   .writePng = writePng},
+                  std::cout, std::cerr);
+    int exitCode = 0;
+    looker.onFinished = [&](int code) {
+        exitCode = code;
+        services->stop();
+    };
+    for (const LookStep& step : steps) looker.add(step);
+    if (!isInteractive) looker.endScript();
+    feed->open(services->main(), looker);
+    feed->post([size = options.size](Looker& l) { l.start(size); });
+    quit.deliver(services->main(), [&looker] { looker.fail("Interrupted.", interrupted); });
     if (isInteractive) std::thread(readStandardInput, feed).detach();
-
-    const int code = exitCode.get_future().get();
-    {
-        std::lock_guard guard(feed->lock);
-        feed->main = nullptr;
-    }
-    services->main().runSync([&] {
-        feed->looker = nullptr;
-        looker.reset();
-    });
+    services->run();
+    feed->close();
     quit.stop();
-    return code;
+    return exitCode;
 }
 
 int run(const std::vector<std::string>& arguments) {
@@ -128,6 +117,11 @@ int run(const std::vector<std::string>& arguments) {
     if (!options) {
         std::cerr << "velmora-look: " << options.error().text << '\n' << LookOptions::usage;
         return Looker::notUnderstood;
+    }
+    const auto rendezvous = SignalingClient::defaultURL();
+    if (!rendezvous) {
+        std::cerr << "velmora-look: " << rendezvous.error().text << '\n';
+        return Looker::hasFailed;
     }
     std::vector<LookStep> steps = options->steps;
     if (options->script && options->script != "-") {
@@ -143,7 +137,7 @@ int run(const std::vector<std::string>& arguments) {
             std::cerr << fmt::format("{}  {}\n", DebugLog::wordFor(source), text) << std::flush;
         });
     }
-    return look(*options, steps, std::make_shared<Feed>());
+    return look(*options, steps, *rendezvous, std::make_shared<Feed>());
 }
 
 }  // namespace

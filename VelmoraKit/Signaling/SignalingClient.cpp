@@ -10,7 +10,10 @@ namespace velmora {
 
 Result<SignalingUrl> SignalingClient::defaultURL() {
     const char* chosen = std::getenv("VELMORA_SIGNALING");
-    return chosen ? SignalingUrl::parse(chosen) : SignalingUrl::ofThisBuild();
+    if (!chosen) return SignalingUrl::ofThisBuild();
+    auto url = SignalingUrl::parse(chosen);
+    if (!url) return Failure{fmt::format("VELMORA_SIGNALING: {}", url.error().text)};
+    return url;
 }
 
 SignalingClient::SignalingClient(SignalingUrl url, WebSocketFactory& sockets, Queue& main)

@@ -25,6 +25,12 @@ SignalingRendezvousPath::SignalingRendezvousPath(Ladder& ladder, SignalingUrl ur
       parameters_(std::move(parameters)),
       client_(std::move(url), services_.sockets, services_.main) {}
 
+RendezvousPath::Factory SignalingRendezvousPath::factory(SignalingUrl url, Services services) {
+    return [url = std::move(url), services](Ladder& ladder) {
+        return std::make_unique<SignalingRendezvousPath>(ladder, url, services);
+    };
+}
+
 std::uint16_t SignalingRendezvousPath::randomLocalPort() {
     std::random_device source;
     return std::uniform_int_distribution<std::uint16_t>(50000, 60000)(source);

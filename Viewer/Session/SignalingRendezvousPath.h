@@ -41,6 +41,9 @@ public:
     SignalingRendezvousPath(Ladder& ladder, SignalingUrl url, Services services);
     SignalingRendezvousPath(Ladder& ladder, SignalingUrl url, Services services, Parameters parameters);
 
+    /// For viewers: one such path for each connection that needs it.
+    static Factory factory(SignalingUrl url, Services services);
+
     void start(const std::string& hostID) override;
     void hangUp() override;
 

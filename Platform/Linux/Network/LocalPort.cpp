@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Platform/Linux/Network/QuicSession.h"
+#include "VelmoraKit/Wire/RelayTags.h"
 
 namespace velmora {
 
@@ -112,9 +113,8 @@ void LocalPort::dispatch(ByteView packet, const SocketAddress& from, const Socke
         const auto known = routes_.find(std::string(reinterpret_cast<const char*>(ids.dcid), ids.dcidlen));
         if (known != routes_.end()) return known->second->receive(packet, from, to, now);
     }
-    const std::string_view text(reinterpret_cast<const char*>(packet.data()), packet.size());
-    if (text == "VLPUNCH") return;
-    if (text == "VLACK") {
+    if (relayTags::isPunch(packet)) return;
+    if (relayTags::isAcknowledgement(packet)) {
         answerProbe(packet, from, false);
         return;
     }
