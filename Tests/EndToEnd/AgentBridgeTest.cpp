@@ -34,6 +34,14 @@ TEST_F(AgentBridgeTest, anAgentLooksAtAHostAndLeavesIt) {
     EXPECT_EQ(agent.end(), 0);
 }
 
+TEST_F(AgentBridgeTest, aRendezvousServiceThatIsNoUrlEndsEveryRole) {
+    for (const std::string role : {"mcp", "host"}) {
+        RunningProgram program({VELMORA_PROGRAM, role}, {.home = homeOf(role), .rendezvous = "not a url"});
+        EXPECT_EQ(program.end(), 1);
+        EXPECT_EQ(program.said(), "Velmora: VELMORA_SIGNALING: “not a url” is not a URL\n");
+    }
+}
+
 TEST_F(AgentBridgeTest, whatIsNotUnderstoodEndsItAtOnce) {
     RunningProgram agent({VELMORA_PROGRAM, "mcp", "--size", "1280"}, place());
     EXPECT_EQ(agent.end(), 2);

@@ -56,6 +56,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
                                              "XDG_STATE_HOME=" + home + "/state",
                                              "XDG_RUNTIME_DIR=" + home + "/run",
                                              "DBUS_SESSION_BUS_ADDRESS=disabled:",
+                                             "VELMORA_SIGNALING=" + place.rendezvous,
                                              "WAYLAND_DISPLAY",
                                              "XAUTHORITY",
                                              "XDG_SESSION_TYPE=x11",

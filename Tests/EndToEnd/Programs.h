@@ -37,7 +37,8 @@ public:
     struct Place {
         std::filesystem::path home;
         std::optional<std::string> display;
-        bool takesLines = false;  // see `say`
+        bool takesLines = false;                      // see `tell`
+        std::string rendezvous = "ws://127.0.0.1:1";  // nobody: found by address alone
     };
     RunningProgram(const std::vector<std::string>& command, const Place& place);
     ~RunningProgram();
