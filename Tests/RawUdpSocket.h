@@ -32,6 +32,7 @@ public:
     RawUdpSocket(const RawUdpSocket&) = delete;
     RawUdpSocket& operator=(const RawUdpSocket&) = delete;
 
+    int descriptor() const { return descriptor_; }
     int bindError() const { return bindError_; }
     std::uint16_t port() const {
         sockaddr_in own{};
@@ -39,11 +40,11 @@ public:
         getsockname(descriptor_, reinterpret_cast<sockaddr*>(&own), &size);
         return ntohs(own.sin_port);
     }
-    void send(ByteView bytes, std::uint16_t toPort) {
+    void send(ByteView bytes, std::uint16_t toPort, std::uint32_t address = INADDR_LOOPBACK) {
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_port = htons(toPort);
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to.sin_addr.s_addr = htonl(address);
         sendto(descriptor_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
     }
     struct Arrived {

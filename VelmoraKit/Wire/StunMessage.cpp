@@ -11,6 +11,7 @@ constexpr std::uint16_t bindingRequest = 0x0001;
 constexpr std::uint16_t bindingSuccess = 0x0101;
 constexpr std::uint16_t xorMappedAddress = 0x0020;
 constexpr std::uint8_t familyIPv4 = 1;
+constexpr std::uint8_t familyIPv6 = 2;
 constexpr std::array<std::uint8_t, 4> cookie{0x21, 0x12, 0xA4, 0x42};
 constexpr std::size_t transactionOffset = 8;
 constexpr std::size_t attributeHeader = 4;
@@ -35,7 +36,24 @@ Bytes header(std::uint16_t type, std::uint16_t length, const TransactionId& tran
     return packet;
 }
 
-/// The port is hidden by the first half of the cookie, the address by all of it.
+/// The port is hidden by the first half of the cookie, an address by all of it and, as far as it is longer,
+/// by the transaction: the 16 bytes that they fill together in a header.
+Bytes response(const TransactionId& transaction, std::uint8_t family, ByteView address, std::uint16_t port) {
+    const auto valueSize = static_cast<std::uint16_t>(4 + address.size());
+    Bytes packet =
+        header(bindingSuccess, static_cast<std::uint16_t>(attributeHeader + valueSize), transaction);
+    append16(packet, xorMappedAddress);
+    append16(packet, valueSize);
+    packet.push_back(0);
+    packet.push_back(family);
+    append16(packet, static_cast<std::uint16_t>(port ^ u16At(cookie, 0)));
+    for (std::size_t i = 0; i < address.size(); ++i) {
+        packet.push_back(static_cast<std::uint8_t>(address[i] ^ packet[4 + i]));
+    }
+    return packet;
+}
+
+/// The reverse, for IPv4.
 MappedAddress unmasked(ByteView value) {
     MappedAddress mapped;
     mapped.port = static_cast<std::uint16_t>(u16At(value, 2) ^ u16At(cookie, 0));
@@ -66,16 +84,12 @@ std::optional<TransactionId> decodeBindingRequest(ByteView packet) {
 }
 
 Bytes encodeBindingResponse(const TransactionId& transaction, const MappedAddress& mapped) {
-    Bytes packet = header(bindingSuccess, attributeHeader + addressValue, transaction);
-    append16(packet, xorMappedAddress);
-    append16(packet, addressValue);
-    packet.push_back(0);
-    packet.push_back(familyIPv4);
-    append16(packet, static_cast<std::uint16_t>(mapped.port ^ u16At(cookie, 0)));
-    for (std::size_t i = 0; i < cookie.size(); ++i) {
-        packet.push_back(static_cast<std::uint8_t>(mapped.address[i] ^ cookie[i]));
-    }
-    return packet;
+    return response(transaction, familyIPv4, mapped.address, mapped.port);
+}
+
+Bytes encodeBindingResponse(const TransactionId& transaction, const std::array<std::uint8_t, 16>& address,
+                            std::uint16_t port) {
+    return response(transaction, familyIPv6, address, port);
 }
 
 std::optional<MappedAddress> decodeBindingResponse(ByteView packet, const TransactionId& transaction) {

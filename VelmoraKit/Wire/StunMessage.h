@@ -31,6 +31,9 @@ std::optional<TransactionId> decodeBindingRequest(ByteView packet);
 
 /// Type 01 01 with the one attribute XOR-MAPPED-ADDRESS. 32 bytes.
 Bytes encodeBindingResponse(const TransactionId& transaction, const MappedAddress& mapped);
+/// The same to an IPv6 address. 44 bytes.
+Bytes encodeBindingResponse(const TransactionId& transaction, const std::array<std::uint8_t, 16>& address,
+                            std::uint16_t port);
 /// The first IPv4 XOR-MAPPED-ADDRESS of a success response to `transaction`; none if it has none or is
 /// something else. IPv6 addresses and the plain MAPPED-ADDRESS, which some NATs rewrite, do not count.
 std::optional<MappedAddress> decodeBindingResponse(ByteView packet, const TransactionId& transaction);
