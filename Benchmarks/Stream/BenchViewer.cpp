@@ -4,14 +4,38 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <utility>
 
 #include "Benchmarks/Stream/ScreenLoad.h"
+#include "Platform/Linux/Codec/AvcodecDecompressor.h"
+#include "Platform/Linux/Network/QuicTransportStack.h"
+#include "Platform/Linux/System/JsonPreferenceStore.h"
+#include "Testing/FakePathMonitor.h"
+#include "VelmoraKit/Core/ThreadQueue.h"
 
 namespace velmora {
 
 using namespace std::chrono_literals;
+
+/// A viewer's, by address alone: what the network costs shall not change the figures.
+struct BenchViewer::Services {
+    explicit Services(const ScratchFolder& folder) : preferences(folder / "preferences.json") {}
+    ~Services() {
+        network.reset();  // what runs ends before what it uses goes
+        client.end();
+        main.end();
+    }
+    ViewerConnection::Services viewer() {
+        return {
+            .transport = *network, .preferences = preferences, .paths = path, .decompressors = decompressors};
+    }
+
+    ThreadQueue main{"main"}, client{"velmora.quic.client"};
+    JsonPreferenceStore preferences;
+    FakePathMonitor path{main};
+    AvcodecDecompressorFactory decompressors{AvcodecDecompressor::Parameters{}};
+    std::unique_ptr<NetworkStack> network = makeQuicTransportStack();
+};
 
 struct BenchViewer::Shared {
     mutable std::mutex mutex;  // guards everything below
@@ -34,16 +58,8 @@ struct BenchViewer::Shared {
     }
 };
 
-namespace {
-
-std::unique_ptr<LookServices> composeIn(const ScratchFolder& folder) {
-    setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
-    return composeLook();
-}
-
-}  // namespace
-
-BenchViewer::BenchViewer() : services_(composeIn(folder_)), shared_(std::make_shared<Shared>()) {}
+BenchViewer::BenchViewer()
+    : services_(std::make_unique<Services>(folder_)), shared_(std::make_shared<Shared>()) {}
 
 BenchViewer::~BenchViewer() {
     close();
@@ -58,9 +74,9 @@ std::optional<std::chrono::duration<double>> BenchViewer::connect(std::uint16_t 
     options.password = password;
     options.clientName = "benchmark";
     const auto start = HostClock::now();
-    services_->main().runSync([&] {
-        connection_ = std::make_unique<ViewerConnection>(options, services_->viewer(), services_->main(),
-                                                         services_->client());
+    services_->main.runSync([&] {
+        connection_ = std::make_unique<ViewerConnection>(options, services_->viewer(), services_->main,
+                                                         services_->client);
         connection_->onDecodedFrame = [shared = shared_](const DecodedFrame& frame) { shared->add(frame); };
         connection_->onEnded = [shared = shared_](const ConnectionError& error) {
             std::lock_guard lock(shared->mutex);
@@ -79,7 +95,7 @@ std::optional<std::chrono::duration<double>> BenchViewer::connect(std::uint16_t 
 }
 
 void BenchViewer::close() {
-    services_->main().runSync([&] {
+    services_->main.runSync([&] {
         if (connection_) connection_->close();
         connection_.reset();
     });

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Testing/ScratchFolder.h"
-#include "Tools/Look/CompositionLook.h"
 #include "VelmoraKit/Core/HostClock.h"
 #include "Viewer/Session/ViewerConnection.h"
 
@@ -35,9 +34,10 @@ public:
     std::uint64_t framesDecoded() const;
 
 private:
+    struct Services;
     struct Shared;
     const ScratchFolder folder_;  // each host has a certificate of its own: nothing is remembered
-    const std::unique_ptr<LookServices> services_;
+    const std::unique_ptr<Services> services_;
     const std::shared_ptr<Shared> shared_;
     std::unique_ptr<ViewerConnection> connection_;  // on the main queue
 };

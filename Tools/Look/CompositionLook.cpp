@@ -9,6 +9,7 @@
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
 #include "Platform/Linux/Network/QuicTransportStack.h"
 #include "Platform/Linux/System/JsonPreferenceStore.h"
+#include "Platform/Linux/System/NetworkManagerPathMonitor.h"
 #include "Platform/Linux/Web/QtWebSocket.h"
 #include "Shared/EndpointResolver.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
@@ -35,23 +36,6 @@ private:
     Queue& main_;
     std::optional<AvahiServiceDiscovery> discovery_;
     std::optional<EndpointResolver> resolver_;
-};
-
-/// Figures taken by a script shall not depend on what this machine's network costs.
-class FreePath final : public PathMonitor {
-public:
-    explicit FreePath(Queue& main) : main_(main) {}
-    std::unique_ptr<Request> currentPath(std::function<void(PathKind)> onPath) override {
-        auto request = std::make_unique<Pending>();
-        main_.post(request->alive.guard([onPath = std::move(onPath)] { onPath({}); }));
-        return request;
-    }
-
-private:
-    struct Pending final : Request {
-        Liveness alive;
-    };
-    Queue& main_;
 };
 
 class LinuxLookServices final : public LookServices {
@@ -84,7 +68,7 @@ private:
     const SignalingUrl rendezvous_;
     ThreadQueue client_{"velmora.quic.client"};
     JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
-    FreePath paths_{main_};
+    NetworkManagerPathMonitor paths_{main_};
     AvcodecDecompressorFactory decompressors_{AvcodecDecompressor::Parameters{}};
     QtWebSocketFactory sockets_;
     LocalNetwork localNetwork_{main_};
