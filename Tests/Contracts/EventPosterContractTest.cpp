@@ -4,7 +4,7 @@
 #include <cmath>
 #include <limits>
 
-#include "Platform/Linux/Input/KeyCodes.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 #include "Platform/Linux/Input/X11EventPoster.h"
 #include "Testing/FakeEventPoster.h"
 #include "Testing/XInputWindow.h"

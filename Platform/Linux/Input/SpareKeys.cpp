@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-#include "Platform/Linux/Input/KeyCodes.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 
 namespace velmora {
 namespace {

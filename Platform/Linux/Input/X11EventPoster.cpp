@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Platform/Linux/Input/KeyCodes.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 #include "VelmoraKit/Core/DebugLog.h"
 
 namespace velmora {

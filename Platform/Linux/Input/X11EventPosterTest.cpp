@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "Platform/Linux/Input/KeyCodes.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 #include "Platform/Linux/Input/X11KeyboardLayout.h"
 #include "Platform/Linux/Input/XkbHeader.h"
 #include "Testing/DiaryReader.h"

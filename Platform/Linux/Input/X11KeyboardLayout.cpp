@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "Platform/Linux/Input/KeyCodes.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 
 namespace velmora {
 namespace {

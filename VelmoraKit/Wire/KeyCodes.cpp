@@ -1,4 +1,4 @@
-#include "Platform/Linux/Input/KeyCodes.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 
 #include <array>
 
