@@ -1,0 +1,92 @@
+#pragma once
+
+#include <QWidget>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "Platform/PicturePainter.h"
+#include "Platform/PreferenceStore.h"
+#include "VelmoraKit/Wire/CursorShape.h"
+#include "Viewer/Window/KeyCharacters.h"
+#include "Viewer/Window/PictureGeometry.h"
+#include "Viewer/Window/ViewerInput.h"
+
+class QVariantAnimation;
+
+namespace velmora {
+
+/// The part of a window that shows the host's picture and turns what happens over it into input. Only what
+/// changed of a picture is drawn, straight into the window's memory, before `showPicture` returns. On the
+/// main queue.
+class VideoView final : public QWidget {
+public:
+    /// `preferences` outlives the view.
+    VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences, QWidget* parent);
+
+    std::function<void(bool)> onMouseInsideChanged;
+    /// A button was pressed over the view.
+    std::function<void()> onPress;
+
+    void showPicture(SharedPicture picture);
+    const SharedPicture& picture() const { return picture_; }
+    void setStreamSize(PixelSize size);
+    /// Cut to what there is; the picture then follows the pointer.
+    void setZoom(double zoom);
+    double zoom() const { return geometry_.zoom; }
+    /// None where the host's cannot be shown: then this machine's arrow.
+    void setRemoteCursor(const CursorShape& shape);
+    /// A flash of light, as a camera's.
+    void flash();
+
+    bool isMouseInside() const { return isMouseInside_; }
+    void setMouseInside(bool inside);
+    bool isUnderPointer() const;
+
+    /// Sends a key press or release to the host. A release that the server made up for a repeat is not one.
+    void forwardKey(const QKeyEvent& event);
+    bool isHeldRemotely(const QKeyEvent& event) const;
+    ViewerInput& input() { return input_; }
+    /// Nothing stays down at the host.
+    void releaseEverything();
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
+    void enterEvent(QEnterEvent* event) override;
+    void leaveEvent(QEvent* event) override;
+
+private:
+    double pixelRatio() const { return devicePixelRatioF(); }
+    PixelRect place() const;
+    void paintPart(const QRect& part, const PixelMemory& memory) const;
+    void follow(const QMouseEvent& event);
+    PictureGeometry::Point fractionsAt(const QPointF& position) const;
+    std::uint64_t flagsOf(Qt::KeyboardModifiers modifiers) const {
+        return inputFlagsOf(modifiers, capsLock_);
+    }
+    void updateCursorAt(const QPointF& position);
+    void keepButtons(const QMouseEvent& event);
+
+    const std::unique_ptr<PicturePainter> painter_;
+    const PreferenceStore& preferences_;
+    PictureGeometry geometry_;
+    SharedPicture picture_;
+    ViewerInput input_;
+    ClickCounter clicks_;
+    KeyCharacters characters_;
+    std::map<quint32, std::uint16_t> codesDown_;  // by scan code: what a key was when it was pressed
+    std::optional<QCursor> remoteCursor_;
+    bool showsRemoteCursor_ = false;
+    bool isMouseInside_ = false;
+    bool capsLock_ = false;
+    QVariantAnimation* flash_ = nullptr;  // a child; while it shines
+};
+
+}  // namespace velmora
