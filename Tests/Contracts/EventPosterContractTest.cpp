@@ -4,11 +4,11 @@
 #include <cmath>
 #include <limits>
 
-#include "VelmoraKit/Wire/KeyCodes.h"
 #include "Platform/Linux/Input/X11EventPoster.h"
 #include "Testing/FakeEventPoster.h"
 #include "Testing/XInputWindow.h"
 #include "Testing/XServerFixture.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 
 namespace velmora {
 namespace {

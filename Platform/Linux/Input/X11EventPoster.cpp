@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "VelmoraKit/Wire/KeyCodes.h"
 #include "VelmoraKit/Core/DebugLog.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 
 namespace velmora {
 namespace {

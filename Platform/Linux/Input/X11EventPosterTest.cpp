@@ -7,12 +7,12 @@
 
 #include <algorithm>
 
-#include "VelmoraKit/Wire/KeyCodes.h"
 #include "Platform/Linux/Input/X11KeyboardLayout.h"
 #include "Platform/Linux/Input/XkbHeader.h"
 #include "Testing/DiaryReader.h"
 #include "Testing/XInputWindow.h"
 #include "Testing/XServerFixture.h"
+#include "VelmoraKit/Wire/KeyCodes.h"
 
 namespace velmora {
 namespace {
