@@ -3,12 +3,19 @@
 
 #include <fmt/format.h>
 
+#include <QApplication>
 #include <QCoreApplication>
+#include <clocale>
 #include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "App/HostApplication.h"
+#include "App/LauncherWindow.h"
 #include "App/Roles.h"
 #include "Host/InputInjector.h"
 #include "Host/StreamSession.h"
@@ -16,10 +23,12 @@
 #include "Platform/Linux/Codec/VideoCodecFactories.h"
 #include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
 #include "Platform/Linux/Display/X11Displays.h"
+#include "Platform/Linux/Display/XConnection.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
 #include "Platform/Linux/EventLoop/QuitSignals.h"
 #include "Platform/Linux/Input/X11EventPoster.h"
 #include "Platform/Linux/Input/X11KeyboardLayout.h"
+#include "Platform/Linux/Launch/DesktopOpener.h"
 #include "Platform/Linux/Network/LinuxNetworkAddresses.h"
 #include "Platform/Linux/Network/QuicTransportStack.h"
 #include "Platform/Linux/Secrets/GnuTlsKeyStore.h"
@@ -49,7 +58,10 @@ void printLine(const std::string& line) {
 class HostServices {
 public:
     HostServices(Queue& main, const SignalingUrl& rendezvous)
-        : main_(main), rendezvous_(rendezvous), keepAwake_(main) {}
+        : main_(main), rendezvous_(rendezvous), keepAwake_(main) {
+        if (qobject_cast<QApplication*>(QCoreApplication::instance()))
+            launcher_ = std::make_unique<LauncherWindow>(main, worker_, DesktopOpener::open);
+    }
 
     /// What runs ends first, each before what it posts to or has made there; then nothing runs any more, and
     /// the rest may go in any order.
@@ -105,8 +117,8 @@ private:
     std::unique_ptr<InputReceiver> makeInput(const InputReceiverOptions& options) {
         auto poster = posters_->make({.agent = options.agent});
         if (!poster) return nullptr;
-        return std::make_unique<InputInjector>(std::move(poster), *layout_, *displays_, input_,
-                                               InputInjector::Options{});
+        return std::make_unique<InputInjector>(std::move(poster), *layout_, *displays_, input_, options,
+                                               launcher_.get());
     }
 
     Queue& main_;
@@ -128,6 +140,7 @@ private:
     std::unique_ptr<KeyboardLayout> layout_ = makeKeyboardLayout();
     ProcessCPUSampler cpu_;  // of the QUIC queue
     ThreadQueue worker_{"velmora.worker"};
+    std::unique_ptr<LauncherWindow> launcher_;  // none without a display
     ThreadQueue input_{"velmora.input"};
     ThreadQueue display_{"velmora.display"};
     ThreadQueue capture_{"velmora.capture"};
@@ -136,11 +149,34 @@ private:
     UdpProbes probes_{*transport_, rendezvous_.host(), main_};
 };
 
+/// Qt ends the process from within when the X server goes away; this still runs then, on the main thread.
+std::function<void()> farewell;  // NOLINT: there is one end of a process
+
+void takeLeave() {
+    const auto leave = std::exchange(farewell, nullptr);
+    if (!leave) return;
+    leave();
+    std::_Exit(EXIT_FAILURE);  // other threads are running: nothing may be destroyed under them
+}
+
+/// Windows where there is an X server for them: Qt would end the process on looking for one in vain.
+std::unique_ptr<QCoreApplication> makeQt(int& argc, char** argv) {
+    std::unique_ptr<QCoreApplication> qt;
+    if (XConnection::open()) {
+        qt = std::make_unique<QApplication>(argc, argv);
+        QApplication::setQuitOnLastWindowClosed(false);
+    } else {
+        qt = std::make_unique<QCoreApplication>(argc, argv);
+    }
+    std::setlocale(LC_NUMERIC, "C");  // Qt has set the user's, whose comma no file and no library expects
+    return qt;
+}
+
 }  // namespace
 
 int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
     QuitSignals quitSignals;  // before any thread
-    QCoreApplication qt(argc, argv);
+    const auto qt = makeQt(argc, argv);
     QtMainQueue main;
     SystemLog::install();
 
@@ -149,8 +185,14 @@ int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
     application.onLine = printLine;
     application.onQuit = [] { QCoreApplication::quit(); };
     quitSignals.deliver(main, [&application] { application.quit(); });
+    farewell = [&application] {
+        application.quit();
+        std::this_thread::sleep_for(HostApplication::goodbyeTime);
+    };
+    std::atexit(takeLeave);
     application.start();
     const int code = QCoreApplication::exec();
+    farewell = nullptr;
     quitSignals.stop();
     return code;
 }

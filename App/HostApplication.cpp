@@ -11,15 +11,6 @@
 
 namespace velmora {
 
-namespace {
-
-using namespace std::chrono_literals;
-
-/// For a `bye` to leave: streams flush for up to 0.5 s.
-constexpr auto goodbyeTime = 600ms;
-
-}  // namespace
-
 HostApplication::HostApplication(const Services& services)
     : main_(services.server.main),
       preferences_(services.preferences),

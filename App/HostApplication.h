@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -36,6 +37,9 @@ public:
     std::function<void(const std::string& line)> onLine;
     /// The last viewer has been told, and nothing more is to be done.
     std::function<void()> onQuit;
+
+    /// For a `bye` to leave: streams flush for up to 0.5 s.
+    static constexpr std::chrono::milliseconds goodbyeTime{600};
 
     /// Starts the server if the settings say so.
     void start();

@@ -84,12 +84,14 @@ bool isTypeable(const std::u32string& characters) {
 }  // namespace
 
 InputInjector::InputInjector(std::unique_ptr<EventPoster> poster, KeyboardLayout& layout, Displays& displays,
-                             const Queue& input, Options options)
+                             const Queue& input, Options options, Launcher* launcher)
     : poster_(std::move(poster)),
       displays_(displays),
       input_(input),
       options_(options),
-      layout_(layout, input) {}
+      layout_(layout, input) {
+    if (options.agent && launcher) launcher_.emplace(*launcher);
+}
 
 void InputInjector::setDisplay(DisplayId display) {
     assertOn(input_);
@@ -99,6 +101,7 @@ void InputInjector::setDisplay(DisplayId display) {
 
 void InputInjector::handle(const InputEvent& event) {
     assertOn(input_);
+    if (launcher_ && launcher_->take(event, displayBounds().value_or(PixelRect{}))) return;
     switch (event.kind) {
         case InputEvent::Kind::mouseMove:
             return handleMove(event);
@@ -114,6 +117,7 @@ void InputInjector::handle(const InputEvent& event) {
 
 void InputInjector::releaseAll() {
     assertOn(input_);
+    if (launcher_) launcher_->close();
     for (const Button button : std::exchange(buttonsDown_, {})) postButton(Kind::mouseUp, button, 1, 0);
 }
 

@@ -8,6 +8,7 @@
 
 #include "Host/InputReceiver.h"
 #include "Host/KeyboardLayoutMap.h"
+#include "Host/LauncherKeys.h"
 #include "Platform/EventPoster.h"
 #include "VelmoraKit/Wire/InputRecords.h"
 
@@ -16,13 +17,14 @@ namespace velmora {
 /// Turns what a viewer does into events of this machine. Owned by a session; lives on the input queue.
 ///
 /// An agent names keys ("shift+1") where a person's viewer sends what its own shift has made of them ("!"):
-/// with `Options::agent` the shift of a typed key therefore stands as it is.
+/// with `Options::agent` the shift of a typed key therefore stands as it is. Its Command+Space opens the
+/// launcher, where there is one.
 class InputInjector final : public InputReceiver {
 public:
     using Options = InputReceiverOptions;
-    /// The references outlive us.
+    /// The references, and the launcher, outlive us.
     InputInjector(std::unique_ptr<EventPoster> poster, KeyboardLayout& layout, Displays& displays,
-                  const Queue& input, Options options);
+                  const Queue& input, Options options, Launcher* launcher = nullptr);
 
     /// The main display until this is called. Call it again after the display changed its size, and that
     /// shows at once instead of within 200 ms.
@@ -53,6 +55,7 @@ private:
     const Queue& input_;
     const Options options_;
     KeyboardLayoutMap layout_;
+    std::optional<LauncherKeys> launcher_;  // of an agent
 
     DisplayId displayId_ = 0;          // 0: the main display
     std::optional<PixelRect> bounds_;  // of displayId_, as of boundsReadAt_

@@ -63,7 +63,7 @@ void XInputWindow::read() {
     while (const auto event = own(xcb_poll_for_event(connection_))) {
         const auto& input = reinterpret_cast<const xcb_button_press_event_t&>(*event);  // all look alike
         const auto add = [&](Event::Kind kind) {
-            events_.push_back({kind, input.detail, input.state, input.root_x, input.root_y});
+            events_.push_back({kind, input.detail, input.state, input.root_x, input.root_y, input.time});
         };
         switch (event->response_type & 0x7F) {
             case XCB_KEY_PRESS:
@@ -110,6 +110,15 @@ std::vector<XInputWindow::Event> XInputWindow::take() {
 }
 
 bool XInputWindow::isAnythingDown() {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (isAnythingDownNow()) {
+        if (std::chrono::steady_clock::now() >= end) return true;
+        ::poll(nullptr, 0, 5);  // between two looks
+    }
+    return false;
+}
+
+bool XInputWindow::isAnythingDownNow() {
     const auto keys = own(xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr));
     const auto pointer =
         own(xcb_query_pointer_reply(connection_, xcb_query_pointer(connection_, root_), nullptr));

@@ -20,6 +20,7 @@ public:
         std::uint8_t detail = 0;  // X11 key code, or X11 button
         std::uint16_t state = 0;  // modifiers and buttons held before it
         int x = 0, y = 0;
+        std::uint32_t time = 0;  // the server's, in milliseconds
     };
     /// `className` is what the window says it is (WM_CLASS).
     explicit XInputWindow(const std::string& display, const std::string& className = "Window");
@@ -35,7 +36,7 @@ public:
     /// Takes the events so far and forgets them.
     std::vector<Event> take();
 
-    /// Whether the server holds any key or button of the keyboard and the pointer down now.
+    /// Whether the server goes on holding a key or button down: what is on its way up is waited for, for 10 s.
     bool isAnythingDown();
     /// The symbols of a key in the core keyboard map, none if it has none.
     std::vector<std::uint32_t> symbolsOf(std::uint8_t code);
@@ -43,6 +44,7 @@ public:
 
 private:
     void read();
+    bool isAnythingDownNow();
     bool waitForMap();
 
     xcb_connection_t* connection_;

@@ -21,6 +21,9 @@ constexpr std::uint16_t macTab = 0x30, macSpace = 0x31, macC = 0x08, macV = 0x09
                         macRightCommand = 0x36, macLeftCommand = 0x37;
 constexpr int xCodeOfEvdev = 8;  // how far X11 key codes lie above evdev's
 constexpr std::uint8_t returnKey = 36, tabKey = 23, leftControl = 37, rightControl = 105, rightAlt = 108;
+// Of an agent's drag, whose events come all at once. A window manager that has been told of the press asks
+// for the pointer, and if the button is up again by then, there was no drag. No hand is that fast.
+constexpr std::chrono::milliseconds dragBegins{40}, dragInterval{8};
 constexpr std::uint8_t wheelUp = 4, wheelDown = 5, wheelLeft = 6, wheelRight = 7;
 
 std::uint8_t xButton(int button) {
@@ -101,16 +104,19 @@ void X11EventPoster::post(const PostedEvent& event) {
     }
     switch (event.kind) {
         case Kind::mouseMove:
-        case Kind::mouseDrag:
             movePointer(event);
+            break;
+        case Kind::mouseDrag:
+            movePointer(event, std::exchange(isDragging_, options_.agent) ? dragInterval : dragBegins);
             break;
         case Kind::mouseDown:
             movePointer(event);
             held_.pressButton(xButton(event.button), modifiersFor(event));
             break;
         case Kind::mouseUp:
-            movePointer(event);
+            movePointer(event, dragInterval);
             held_.releaseButton(xButton(event.button));
+            isDragging_ = false;
             break;
         case Kind::scroll:
             scroll(event);
@@ -128,8 +134,11 @@ void X11EventPoster::post(const PostedEvent& event) {
     xcb_flush(*connection_);
 }
 
-void X11EventPoster::movePointer(const PostedEvent& event) {
-    emit(XCB_MOTION_NOTIFY, 0, coordinate(event.x), coordinate(event.y));
+/// `pause` is what lies before the event if it is part of an agent's drag.
+void X11EventPoster::movePointer(const PostedEvent& event, std::chrono::milliseconds pause) {
+    // The server does the waiting: it takes up nothing further from this connection meanwhile.
+    const auto wait = isDragging_ ? pause : pause.zero();
+    emit(XCB_MOTION_NOTIFY, 0, coordinate(event.x), coordinate(event.y), wait);
 }
 
 void X11EventPoster::scroll(const PostedEvent& event) {
@@ -292,9 +301,10 @@ void X11EventPoster::lock(Lock lock, bool on) {
     keymap_.setLocked(lock, on);
 }
 
-void X11EventPoster::emit(std::uint8_t type, std::uint8_t detail, int x, int y) {
-    xcb_test_fake_input(*connection_, type, detail, XCB_CURRENT_TIME, connection_->root(),
-                        static_cast<std::int16_t>(x), static_cast<std::int16_t>(y), 0);
+void X11EventPoster::emit(std::uint8_t type, std::uint8_t detail, int x, int y,
+                          std::chrono::milliseconds wait) {
+    xcb_test_fake_input(*connection_, type, detail, static_cast<std::uint32_t>(wait.count()),
+                        connection_->root(), static_cast<std::int16_t>(x), static_cast<std::int16_t>(y), 0);
 }
 
 namespace {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -35,7 +36,7 @@ public:
 private:
     X11EventPoster(std::unique_ptr<XConnection> connection, const EventPosterFactory::Options& options);
 
-    void movePointer(const PostedEvent& event);
+    void movePointer(const PostedEvent& event, std::chrono::milliseconds pause = {});
     void scroll(const PostedEvent& event);
     void pressKey(const PostedEvent& event);
     void releaseKey(const PostedEvent& event);
@@ -52,7 +53,8 @@ private:
     void followKeymap();
     SpareKeys& spareKeys();
     void lock(XKeymap::Lock lock, bool on);
-    void emit(std::uint8_t type, std::uint8_t detail, int x = 0, int y = 0);
+    void emit(std::uint8_t type, std::uint8_t detail, int x = 0, int y = 0,
+              std::chrono::milliseconds wait = {});
 
     const std::unique_ptr<XConnection> connection_;
     const EventPosterFactory::Options options_;
@@ -64,6 +66,7 @@ private:
     std::map<XKeymap::Lock, bool> locksBefore_;  // of those that we changed
     HeldKeys held_;
     ScrollClicks horizontal_, vertical_;
+    bool isDragging_ = false;  // an agent, since the button went down
     bool saidBroken_ = false;
 };
 
