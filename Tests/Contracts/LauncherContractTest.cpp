@@ -4,6 +4,7 @@
 #include <QWidget>
 #include <algorithm>
 #include <chrono>
+#include <memory>
 
 #include "App/LauncherWindow.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
@@ -96,10 +97,15 @@ TEST(LauncherWindowTest, saysForAWhileWhyNothingWasOpened) {
 }
 
 class Qt : public testing::Environment {
+public:
+    void SetUp() override { application_ = std::make_unique<QApplication>(argc_, argv_); }
+    void TearDown() override { application_.reset(); }
+
+private:
     int argc_ = 1;
     char name_[5] = "test";
     char* argv_[2] = {name_, nullptr};
-    QApplication application_{argc_, argv_};
+    std::unique_ptr<QApplication> application_;
 };
 [[maybe_unused]] const auto* const qt = testing::AddGlobalTestEnvironment(new Qt);
 
