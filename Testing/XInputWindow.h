@@ -36,7 +36,7 @@ public:
     /// Takes the events so far and forgets them.
     std::vector<Event> take();
 
-    /// Whether the server goes on holding a key or button down: what is on its way up is waited for, for 10 s.
+    /// Whether the server goes on holding a key or button down: 10 s are given to what is on its way up.
     bool isAnythingDown();
     /// The symbols of a key in the core keyboard map, none if it has none.
     std::vector<std::uint32_t> symbolsOf(std::uint8_t code);
