@@ -127,6 +127,9 @@ FileLock::~FileLock() {
     if (descriptor_ >= 0) ::close(descriptor_);
 }
 
+std::filesystem::path cacheFolder() {
+    return xdgFolder("XDG_CACHE_HOME", ".cache");
+}
 std::filesystem::path configFolder() {
     return xdgFolder("XDG_CONFIG_HOME", ".config");
 }

@@ -38,6 +38,7 @@ private:
 
 /// Where the XDG base directory specification puts our things: $NAME/velmora if the variable holds an
 /// absolute path, else $HOME/`fallback`/velmora.
+std::filesystem::path cacheFolder();   // XDG_CACHE_HOME, .cache
 std::filesystem::path configFolder();  // XDG_CONFIG_HOME, .config
 std::filesystem::path dataFolder();    // XDG_DATA_HOME, .local/share
 std::filesystem::path stateFolder();   // XDG_STATE_HOME, .local/state
