@@ -20,6 +20,8 @@
 #include "Host/InputInjector.h"
 #include "Host/StreamSession.h"
 #include "Platform/Linux/Capture/MakeScreenCapture.h"
+#include "Platform/Linux/Clipboard/X11Pasteboard.h"
+#include "Platform/Linux/Clipboard/ZipFolderArchiver.h"
 #include "Platform/Linux/Codec/VideoCodecFactories.h"
 #include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
 #include "Platform/Linux/Display/X11Displays.h"
@@ -37,6 +39,7 @@
 #include "Platform/Linux/System/JsonPreferenceStore.h"
 #include "Platform/Linux/System/LinuxKeepAwake.h"
 #include "Platform/Linux/System/LinuxMachineInfo.h"
+#include "Platform/Linux/System/PrivateFile.h"
 #include "Platform/Linux/System/SystemLog.h"
 #include "Platform/Linux/Web/QtWebSocket.h"
 #include "Shared/RemoteDevices.h"
@@ -58,7 +61,7 @@ void printLine(const std::string& line) {
 class HostServices {
 public:
     HostServices(Queue& main, const SignalingUrl& rendezvous)
-        : main_(main), rendezvous_(rendezvous), keepAwake_(main) {
+        : main_(main), rendezvous_(rendezvous), keepAwake_(main), pasteboard_(main) {
         if (qobject_cast<QApplication*>(QCoreApplication::instance()))
             launcher_ = std::make_unique<LauncherWindow>(main, worker_, DesktopOpener::open);
     }
@@ -71,6 +74,7 @@ public:
         display_.end();
         input_.end();
         capture_.end();
+        clipboard_.end();
         worker_.end();
     }
     HostServices(const HostServices&) = delete;
@@ -110,6 +114,11 @@ private:
                 .captures = *captures_,
                 .compressors = *compressors_,
                 .makeInput = [this](const InputReceiverOptions& options) { return makeInput(options); },
+                .clipboard = ClipboardSync::Services{.pasteboard = pasteboard_,
+                                                     .archiver = archiver_,
+                                                     .main = main_,
+                                                     .worker = clipboard_,
+                                                     .inbox = cacheFolder() / "Clipboard"},
                 .cpuPercent = [this] { return cpu_.sample(); }});
     }
 
@@ -130,6 +139,8 @@ private:
     GnuTlsKeyStore keys_{secrets_, GnuTlsKeyStore::defaultFolder()};
     LinuxMachineInfo machine_;
     LinuxKeepAwake keepAwake_;
+    X11Pasteboard pasteboard_;
+    ZipFolderArchiver archiver_;
     AvahiServiceDiscovery discovery_;
     LinuxNetworkAddresses addresses_;
     QtWebSocketFactory sockets_;
@@ -141,6 +152,7 @@ private:
     ProcessCPUSampler cpu_;  // of the QUIC queue
     ThreadQueue worker_{"velmora.worker"};
     std::unique_ptr<LauncherWindow> launcher_;  // none without a display
+    ThreadQueue clipboard_{"velmora.files"};
     ThreadQueue input_{"velmora.input"};
     ThreadQueue display_{"velmora.display"};
     ThreadQueue capture_{"velmora.capture"};

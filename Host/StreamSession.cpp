@@ -32,11 +32,13 @@ StreamSession::StreamSession(AdmittedViewer viewer, Services services)
                                                                 .input = input_.ref(),
                                                                 .connection = viewer_.connection},
                                        std::move(video), viewer_.settings)};
+    makeClipboard();
     messages_ = std::make_shared<ViewerMessages>(ViewerMessages::Services{.connection = viewer_.connection,
                                                                           .sender = sender_,
                                                                           .video = video_,
                                                                           .display = display_.ref(),
                                                                           .input = input_.ref(),
+                                                                          .clipboard = clipboard_.ref(),
                                                                           .cpuPercent = services_.cpuPercent},
                                                  viewer_.settings);
 }
@@ -54,8 +56,12 @@ void StreamSession::start(std::function<void(Status)> done) {
             seat.receiver = make({.agent = agent});
         });
     }
-    auto tell = [&main = services_.main, done = alive_.guard(std::move(done))](const Status& status) {
-        main.post([done, status]() mutable { done(status); });
+    auto finish = alive_.guard([this, done = std::move(done)](const Status& status) {
+        if (status) startClipboard();
+        done(status);  // may be our end
+    });
+    auto tell = [&main = services_.main, finish = std::move(finish)](const Status& status) {
+        main.post([finish, status]() mutable { finish(status); });
     };
     display_.perform(
         [beginning = DisplayControl::Beginning{.window = viewer_.display, .audio = viewer_.audio},
@@ -71,6 +77,26 @@ void StreamSession::keepDisplayOn() {
                 hostLog(fmt::format("⚠︎ Couldn't keep the display on: {}", outcome.error().text));
         });
     log_("Woke the display (it may have been off or locked) and keeping it on while streaming");
+}
+
+void StreamSession::makeClipboard() {
+    if (!services_.clipboard) return;
+    clipboard_ = {services_.main,
+                  std::make_shared<ClipboardSync>(
+                      "viewer", [](const std::string& line) { hostLog(line); }, *services_.clipboard)};
+}
+
+void StreamSession::startClipboard() {
+    clipboard_.perform([connection = viewer_.connection](ClipboardSync& clipboard) {
+        clipboard.start([connection](const ClipboardContent& content) {
+            // What is copied again and again for a viewer that has stopped reading would fill the memory.
+            if (connection->pendingBytes() > static_cast<std::int64_t>(ClipboardContent::maxFileBytes)) {
+                hostLog("⚠︎ Clipboard not sent to viewer: what was copied before still waits");
+                return;
+            }
+            connection->send(MessageType::clipboard, content.encode());
+        });
+    });
 }
 
 void StreamSession::listenToFlow() {
@@ -102,6 +128,8 @@ void StreamSession::stop() {
     input_.reset();
     display_.perform([](DisplayControl& display) { display.stop(); });
     display_.reset();
+    clipboard_.perform([](ClipboardSync& clipboard) { clipboard.stop(); });
+    clipboard_.reset();
     activity_.reset();
     displayAssertion_.reset();
 }

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "Host/DisplayControl.h"
 #include "Host/FrameSender.h"
@@ -16,6 +17,7 @@
 #include "Platform/KeepAwake.h"
 #include "Platform/ScreenCapture.h"
 #include "Platform/VideoCompressor.h"
+#include "Shared/ClipboardSync.h"
 
 namespace velmora {
 
@@ -36,6 +38,7 @@ public:
         VideoCompressorFactory& compressors;
         VirtualDisplayFactory* virtualDisplays = nullptr;  // none: there are no virtual displays
         InputReceiverFactory makeInput;                    // unset: input is ignored
+        std::optional<ClipboardSync::Services> clipboard;  // none: it is not shared
         /// Of one core, by this process, since the last call; asked on the connection's queue.
         std::function<double()> cpuPercent;
     };
@@ -51,6 +54,8 @@ public:
 private:
     void keepDisplayOn();
     void listenToFlow();
+    void makeClipboard();
+    void startClipboard();
 
     const AdmittedViewer viewer_;
     const Services services_;
@@ -59,6 +64,7 @@ private:
     QueueOwned<InputSeat> input_;
     QueueRef<VideoPipeline> video_;  // owned by display_
     QueueOwned<DisplayControl> display_;
+    QueueOwned<ClipboardSync> clipboard_;       // on main
     std::shared_ptr<ViewerMessages> messages_;  // on the connection's queue
     std::unique_ptr<KeepAwake::Assertion> activity_;
     std::unique_ptr<KeepAwake::Assertion> displayAssertion_;

@@ -299,6 +299,24 @@ TEST_F(StreamSessionTest, inputReachesTheMachineAndIsReleasedAtTheEnd) {
     EXPECT_EQ(host.posters.log->events.back().kind, PostedEvent::Kind::mouseUp);
 }
 
+TEST_F(StreamSessionTest, theClipboardIsSharedWhileItLasts) {
+    connectAndRest();
+    host.pasteboard.copyText("here");
+    time.advanceBy(1s);
+    ASSERT_EQ(viewer->countOf(MessageType::clipboard), 1);
+    EXPECT_EQ(viewer->received.back().payload, (Bytes{0, 'h', 'e', 'r', 'e'}));
+    say(MessageType::clipboard, ClipboardContent{ClipboardContent::Kind::text, bytesOf("there")});
+    EXPECT_EQ(host.pasteboard.text(), "there");
+    time.advanceBy(1s);
+    EXPECT_EQ(viewer->countOf(MessageType::clipboard), 1) << "what came is not sent back";
+    EXPECT_THAT(diary.hostLines(), Contains("Clipboard from viewer: text, 5 bytes"));
+    viewer.reset();
+    time.advanceBy(1s);
+    host.pasteboard.copyText("alone again");
+    time.advanceBy(1s);
+    EXPECT_THAT(diary.hostLines(), Not(Contains("Clipboard to viewer: text, 11 bytes")));
+}
+
 TEST_F(StreamSessionTest, whatCannotBeDecodedIsIgnored) {
     connectAndRest();
     const Bytes garbage{1, 2, 3};

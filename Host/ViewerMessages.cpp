@@ -90,6 +90,9 @@ void ViewerMessages::handle(MessageType type, ByteView payload) {
         case MessageType::nack:
             handleNack(payload);
             return;
+        case MessageType::clipboard:
+            handleClipboard(payload);
+            return;
         case MessageType::hello:
         case MessageType::streamConfig:
         case MessageType::videoFrame:
@@ -97,7 +100,6 @@ void ViewerMessages::handle(MessageType type, ByteView payload) {
         case MessageType::log:
         case MessageType::displayList:
         case MessageType::cursor:
-        case MessageType::clipboard:
         case MessageType::audio:
         case MessageType::textFocus:
         case MessageType::denied:
@@ -110,6 +112,14 @@ void ViewerMessages::handleInput(ByteView payload) {
     if (!event) return;
     ask(services_.input, payload, [event = *std::move(event)](InputSeat& seat) {
         if (seat.receiver) seat.receiver->handle(event);
+    });
+}
+
+void ViewerMessages::handleClipboard(ByteView payload) {
+    auto content = ClipboardContent::decode(payload);
+    if (!content) return;
+    ask(services_.clipboard, payload, [content = *std::move(content)](ClipboardSync& clipboard) mutable {
+        clipboard.receive(std::move(content));
     });
 }
 

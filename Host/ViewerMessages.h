@@ -11,6 +11,7 @@
 #include "Host/QueueOwned.h"
 #include "Host/SessionLog.h"
 #include "Host/VideoPipeline.h"
+#include "Shared/ClipboardSync.h"
 #include "Shared/ServerSettings.h"
 #include "VelmoraKit/Transport/MessageConnection.h"
 
@@ -32,6 +33,7 @@ public:
         QueueRef<VideoPipeline> video;
         QueueRef<DisplayControl> display;
         QueueRef<InputSeat> input;
+        QueueRef<ClipboardSync> clipboard;
         std::function<double()> cpuPercent;  // of one core, since the last call
     };
 
@@ -45,6 +47,7 @@ private:
     template <class T, class F>
     void ask(const QueueRef<T>& whom, ByteView payload, F work);
     void handleInput(ByteView payload);
+    void handleClipboard(ByteView payload);
     void answerPing(ByteView payload);
     void handleBitrateHint(ByteView payload);
     void handleNack(ByteView payload);

@@ -14,6 +14,7 @@ HostFixture::HostFixture(VirtualTime& time, TransportStack& stack)
       capture(time, "velmora.capture"),
       displayQueue(time, "velmora.display"),
       input(time, "velmora.input"),
+      worker(time, "velmora.worker"),
       stack(stack) {
     setDisplays({display(mainDisplay, "Built-in", {64, 32})});
 }
@@ -56,6 +57,11 @@ StreamSession::Services HostFixture::sessionServices() {
                 if (!poster) return nullptr;
                 return std::make_unique<InputInjector>(std::move(poster), keyboard, displays, input, options);
             },
+            .clipboard = ClipboardSync::Services{.pasteboard = pasteboard,
+                                                 .archiver = archiver,
+                                                 .main = main,
+                                                 .worker = worker,
+                                                 .inbox = inbox.path()},
             .cpuPercent = [this] { return cpuPercent; }};
 }
 

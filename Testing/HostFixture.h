@@ -9,12 +9,15 @@
 #include "Host/StreamSession.h"
 #include "Testing/FakeDisplays.h"
 #include "Testing/FakeEventPoster.h"
+#include "Testing/FakeFolderArchiver.h"
 #include "Testing/FakeKeepAwake.h"
 #include "Testing/FakeKeyboardLayout.h"
 #include "Testing/FakeMachineInfo.h"
+#include "Testing/FakePasteboard.h"
 #include "Testing/FakeScreenCapture.h"
 #include "Testing/FakeServiceDiscovery.h"
 #include "Testing/FakeVideoCompressor.h"
+#include "Testing/ScratchFolder.h"
 #include "Testing/VirtualQueue.h"
 
 namespace velmora {
@@ -45,7 +48,7 @@ private:
     VirtualTime& time_;
 
 public:
-    VirtualQueue main, quic, capture, displayQueue, input;
+    VirtualQueue main, quic, capture, displayQueue, input, worker;
     TransportStack& stack;
     ServerSettings settings{.codec = VideoCodec::h264};
     std::optional<HostCredentials> credentials{{.id = "123456789", .password = password}};
@@ -57,6 +60,9 @@ public:
     FakeMachineInfo machine;
     FakeEventPosterFactory posters;
     FakeKeyboardLayout keyboard;
+    FakePasteboard pasteboard{main};
+    FakeFolderArchiver archiver;
+    ScratchFolder inbox;
     VirtualDisplayFactory* virtualDisplays = nullptr;
     double cpuPercent = 0;
 

@@ -42,6 +42,50 @@ TEST_F(AgentBridgeTest, aRendezvousServiceThatIsNoUrlEndsEveryRole) {
     }
 }
 
+TEST_F(AgentBridgeTest, textAndPicturesMoveThroughTheClipboards) {
+    ASSERT_NO_FATAL_FAILURE(startServer());
+    const auto host = startHost();
+    RunningProgram agent({VELMORA_PROGRAM, "mcp", "--own-display"}, place());
+    agent.tell(call(1, "connect", fmt::format(R"({{"device":"{}","password":"{}"}})", address, password)));
+    ASSERT_TRUE(agent.says("Connected to ")) << agent.said();
+    agent.tell(call(2, "get_clipboard", "{}"));
+    EXPECT_TRUE(agent.says("Nothing copied on the remote Mac yet in this session."));
+
+    agent.tell(call(3, "set_clipboard", R"({"text":"från en agent\n😀"})"));
+    EXPECT_TRUE(agent.says("The remote clipboard holds 15 characters"));
+    const auto pasted = homeOf("host") / "pasted";
+    const auto shell = [](const std::string& command) {
+        return std::vector<std::string>{"sh", "-c", command};
+    };
+    const std::string paste =
+        fmt::format("xclip -selection clipboard -t UTF8_STRING -o >'{}'", pasted.string());
+    EXPECT_TRUE(eventually(
+        [&] {
+            startOnScreen(shell(paste))->end();
+            return contentOf(pasted) == "från en agent\n😀";
+        },
+        within(20)))
+        << contentOf(pasted);
+
+    int id = 10;
+    const auto agentGets = [&](const std::string& words) {
+        return eventually(
+            [&] {
+                agent.tell(call(++id, "get_clipboard", "{}"));
+                return agent.says(fmt::format(R"("id":{})", id)) && agent.says(words, 1, within(0.1));
+            },
+            within(20));
+    };
+    const auto text = startOnScreen(shell("printf 'copied “there”' | xclip -quiet -selection clipboard"));
+    EXPECT_TRUE(agentGets(R"({"type":"text","text":"copied “there”"})")) << agent.said();
+    // A red pixel.
+    const std::string png =
+        "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAIAAACQd1PeAAAADElEQVR4nGP4z8AAAAMBAQDJ/pLvAAAAAElFTkSuQmCC";
+    const auto picture =
+        startOnScreen(shell("echo " + png + " | base64 -d | xclip -quiet -selection clipboard -t image/png"));
+    EXPECT_TRUE(agentGets(R"("data":")" + png + R"(","mimeType":"image/png")")) << agent.said();
+}
+
 TEST_F(AgentBridgeTest, whatIsNotUnderstoodEndsItAtOnce) {
     RunningProgram agent({VELMORA_PROGRAM, "mcp", "--size", "1280"}, place());
     EXPECT_EQ(agent.end(), 2);

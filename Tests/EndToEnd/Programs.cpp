@@ -51,6 +51,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
     arguments.insert(arguments.end(), command.begin(), command.end());
     const std::string home = place.home.string();
     ChildProgram::Environment environment = {"HOME=" + home,
+                                             "XDG_CACHE_HOME=" + home + "/cache",
                                              "XDG_CONFIG_HOME=" + home + "/config",
                                              "XDG_DATA_HOME=" + home + "/data",
                                              "XDG_STATE_HOME=" + home + "/state",
