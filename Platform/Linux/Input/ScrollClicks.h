@@ -11,8 +11,9 @@ class ScrollClicks {
 public:
     // What toolkits scroll for one click lies about here; with it a page moves as far as the fingers did.
     static constexpr int pixelsPerClick = 53;
-    // One event of a peer never makes more: two screens full, and the rest is dropped.
-    static constexpr int mostClicks = 40;
+    // One event of a peer never makes more, and the rest is dropped: twenty screens full, which an agent may
+    // well ask for at once, to come to the end of a page.
+    static constexpr int mostClicks = 400;
 
     /// Clicks to make now, with the sign of `pixels`.
     int add(int pixels) {
