@@ -45,7 +45,7 @@ Result<Bytes> TurboJpegEncoder::encode(const Picture& picture, const PixelRect& 
     unsigned char* place = jpeg.data();
     unsigned long length = jpeg.size();
     if (tjCompress2(compressor.get(), pixels.data(), size.width, 0, size.height, TJPF_RGBX, &place, &length,
-                    TJSAMP_444, quality, TJFLAG_NOREALLOC) != 0) {
+                    TJSAMP_444, quality_, TJFLAG_NOREALLOC) != 0) {
         return Failure{tjGetErrorStr2(compressor.get())};
     }
     jpeg.resize(length);
