@@ -255,9 +255,7 @@ void VideoView::setMouseInside(bool inside) {
     if (std::exchange(isMouseInside_, inside) == inside) return;
     if (!inside &&
         KeyboardPreferences::sendKeys(preferences_) != KeyboardPreferences::SendKeys::windowActive) {
-        input_.releaseKeys();
-        codesDown_.clear();
-        characters_.reset();
+        releaseKeys();
     }
     if (const auto notify = onMouseInsideChanged) notify(inside);
 }
@@ -310,11 +308,15 @@ bool VideoView::isHeldRemotely(const QKeyEvent& event) const {
     return down != codesDown_.end() && input_.holdsKey(down->second);
 }
 
-void VideoView::releaseEverything() {
+void VideoView::releaseKeys() {
     input_.releaseKeys();
-    input_.releaseButtons();
     codesDown_.clear();
     characters_.reset();
+}
+
+void VideoView::releaseEverything() {
+    releaseKeys();
+    input_.releaseButtons();
 }
 
 }  // namespace velmora

@@ -48,7 +48,9 @@ public:
     void forwardKey(const QKeyEvent& event);
     bool isHeldRemotely(const QKeyEvent& event) const;
     ViewerInput& input() { return input_; }
-    /// Nothing stays down at the host.
+    /// No key stays down at the host.
+    void releaseKeys();
+    /// Nothing does.
     void releaseEverything();
 
 protected:

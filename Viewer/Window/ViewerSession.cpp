@@ -1,0 +1,346 @@
+#include "Viewer/Window/ViewerSession.h"
+
+#include <fmt/format.h>
+
+#include <QApplication>
+#include <QMessageBox>
+#include <QScreen>
+#include <QWindow>
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "Shared/Preferences.h"
+#include "VelmoraKit/Core/DebugLog.h"
+#include "VelmoraKit/Core/HostClock.h"
+#include "VelmoraKit/Core/Utf8.h"
+
+namespace velmora {
+
+namespace {
+
+using ToolbarStatus = ViewerToolbar::Status;
+
+constexpr double partOfScreen = 0.85;  // that a window takes
+constexpr std::size_t longestName = 200;
+
+QString textOf(std::string_view words) {
+    return QString::fromUtf8(words.data(), static_cast<qsizetype>(words.size()));
+}
+
+std::string labelOf(const std::optional<std::string>& path) {
+    if (path == "LAN") return "Local network";
+    if (path == "Direct") return "Direct over the internet";
+    if (path == "Relay") return "Relay (Velmora Cloud)";
+    return "Connected";
+}
+
+/// The picture as an image for the glass that covers it; empty if there is none.
+QImage imageOf(PicturePainter& painter, const SharedPicture& picture) {
+    if (!picture) return {};
+    QImage image(picture->size.width, picture->size.height, QImage::Format_RGB32);
+    if (image.isNull()) return {};
+    const PixelRect all{0, 0, picture->size.width, picture->size.height};
+    painter.paint(picture, all, all, {image.bits(), static_cast<int>(image.bytesPerLine()), picture->size});
+    return image;
+}
+
+}  // namespace
+
+ViewerSession::ViewerSession(ViewerOptions options, Services services)
+    : services_(std::move(services)),
+      main_(services_.main),
+      preferences_(services_.connection.preferences),
+      shownName_(QString::fromStdString(printableLine(options.name, longestName))),
+      slot_(std::make_shared<PictureSlot>(main_)),
+      window_(services_.makePainter(), preferences_, main_),
+      keyboard_([this](bool take) { return window_.grabKeys(take); }, main_),
+      follower_([this] { return displayRequest(); }, services_.isPointerHeld, main_),
+      connection_(std::move(options), connectionServices(), main_, services_.client) {
+    follower_.onRequest = [this](const DisplayRequest& request) {
+        debugLog(fmt::format("Window resized: asking for {}×{} pt @{}x", request.width, request.height,
+                             request.scale));
+        connection_.send(MessageType::resizeDisplay, request.encode());
+    };
+}
+
+ViewerSession::~ViewerSession() {
+    tearDown();
+    connection_.close();
+    // The client's queue may be showing a picture this moment; behind that it has no more use for it.
+    slot_->onPicture = nullptr;
+    services_.client.post([slot = slot_] {});
+}
+
+ViewerConnection::Services ViewerSession::connectionServices() {
+    ViewerConnection::Services all = services_.connection;
+    all.renderer = slot_.get();
+    all.vsync = &slot_->vsync;
+    all.saveSnapshot = [this](SharedPicture picture, const std::string& name) {
+        services_.snapshots.save(std::move(picture), name);
+    };
+    return all;
+}
+
+void ViewerSession::start() {
+    assertOn(main_);
+    listenToConnection();
+    prepareWindow();
+    listenToWindow();
+    constexpr auto reason = "Showing a remote screen";
+    activity_ = services_.keepAwake.beginActivity(reason);
+    displaySleep_ = services_.keepAwake.preventIdleDisplaySleep(reason, nullptr);
+    preferenceObservation_ = preferences_.observe(main_, [this](const std::string& key) {
+        if (key == PreferenceKeys::showStatsOverlay) updateStatsOverlay();
+        if (key == PreferenceKeys::keyboardSendKeys) updateKeyboardCapture();
+    });
+
+    std::optional<DisplayRequest> request;
+    if (ViewerPreferences::screenMode(preferences_) == ScreenMode::matchWindow) request = displayRequest();
+    follower_.setLastRequest(request);
+    connection_.start(request);
+}
+
+void ViewerSession::prepareWindow() {
+    const QSize frame = window_.visibleFrame().size();
+    window_.setContentSize({static_cast<int>(std::lround(frame.width() * partOfScreen)),
+                            static_cast<int>(std::lround(frame.height() * partOfScreen))});
+    window_.setWindowTitle(shownName_);
+    window_.centre();
+
+    ViewerToolbar& toolbar = window_.toolbar();
+    toolbar.onSelectDisplay = [this](std::optional<std::uint32_t> id) { selectDisplay(id); };
+    toolbar.onZoom = [this](double zoom) { window_.view().setZoom(zoom); };
+    toolbar.onScreenshot = [this] { takeScreenshot(); };
+    toolbar.onToggleStats = [this] {
+        preferences_.set(PreferenceKeys::showStatsOverlay, !StatsPreferences::showOverlay(preferences_));
+    };
+    toolbar.onShowDebugLog = services_.showDebugLog;
+    toolbar.onToggleFullScreen = [this] { window_.toggleFullScreen(); };
+    toolbar.showWhatWorks();
+    toolbar.setStatsShown(StatsPreferences::showOverlay(preferences_));
+    window_.toast().reveal = services_.revealFile;
+
+    window_.connecting().setSnapshot(
+        QImage(QString::fromStdString(services_.snapshots.fileFor(name()).string())));
+    showStatus(ViewerConnection::Status::connecting);
+    window_.show();
+    window_.raise();
+    window_.activateWindow();
+}
+
+void ViewerSession::listenToWindow() {
+    window_.onResized = [this] {
+        tellScreenBeat();
+        if (!closed_) follower_.windowChanged();
+    };
+    window_.onActiveChanged = [this] { windowActiveChanged(); };
+    window_.onClose = [this] { closedByPerson(); };
+    window_.onKey = [this](const QKeyEvent& event) { return takeKey(event); };
+    window_.view().onMouseInsideChanged = [this](bool) { updateKeyboardCapture(); };
+    window_.view().onPress = [this] { keyboard_.resume(); };
+    window_.view().input().onInput = [this](const InputEvent& event) { connection_.sendInput(event); };
+    slot_->onPicture = [this](SharedPicture picture) {
+        if (!closed_) window_.view().showPicture(std::move(picture));
+    };
+    tellScreenBeat();
+}
+
+void ViewerSession::listenToConnection() {
+    connection_.onStatus = [this](ViewerConnection::Status status) { showStatus(status); };
+    connection_.onStreamChanged = [this](PixelSize size, bool dynamic) { streamChanged(size, dynamic); };
+    connection_.onCursor = [this](const CursorShape& shape) { window_.view().setRemoteCursor(shape); };
+    connection_.onDisplayList = [this](const DisplayList& list) { showDisplays(list); };
+    connection_.onStats = [this](const ViewerStats::Snapshot& snapshot) { showStats(snapshot); };
+    connection_.onEnded = [this](const ConnectionError& error) {
+        if (closed_) return;
+        tearDown();
+        window_.hide();
+        if (const auto notify = onClose) notify(error);
+    };
+}
+
+// What the connection tells
+
+void ViewerSession::showStatus(ViewerConnection::Status status) {
+    const bool waits = status == ViewerConnection::Status::waitingForApproval;
+    window_.toolbar().setStatus(
+        {waits ? ToolbarStatus::Kind::waitingForApproval : ToolbarStatus::Kind::connecting});
+    window_.connecting().setWords(
+        (waits ? QStringLiteral("Waiting for %1 to allow this Mac…") : QStringLiteral("Connecting to %1…"))
+            .arg(shownName_));
+}
+
+void ViewerSession::streamChanged(PixelSize size, bool dynamic) {
+    if (closed_) return;
+    const bool wasFollowing = streaming_ && dynamic_;
+    streaming_ = true;
+    dynamic_ = dynamic;
+    window_.connecting().hide();
+    window_.toolbar().setCaptureAvailable(true);
+    if (const auto& path = connection_.pathLabel())
+        window_.toolbar().setStatus(ToolbarStatus::connected(labelOf(path)));
+    updateKeyboardCapture();
+    window_.view().setStreamSize(size);
+    updateStatsOverlay();
+    if (!statsLog_) statsLog_.emplace(services_.statsFolder, name());
+    if (!dynamic && !window_.isFullScreen()) fitWindowTo(size);
+    if (!dynamic || !wasFollowing) follower_.setFollowing(false);
+    follower_.setFollowing(dynamic);
+    window_.setWindowTitle(shownName_);
+}
+
+/// A display of a shape of its own: the window takes that shape.
+void ViewerSession::fitWindowTo(PixelSize size) {
+    if (size.width <= 0 || size.height <= 0 || window_.isMaximized()) return;
+    const QSize frame = window_.visibleFrame().size();
+    const double fit =
+        std::min(frame.width() * partOfScreen / size.width, frame.height() * partOfScreen / size.height);
+    window_.setContentSize({static_cast<int>(size.width * fit), static_cast<int>(size.height * fit)});
+    window_.centre();
+}
+
+void ViewerSession::showDisplays(const DisplayList& list) {
+    window_.toolbar().update(list);
+    if (streaming_) window_.connecting().hide();
+}
+
+void ViewerSession::showStats(const ViewerStats::Snapshot& snapshot) {
+    if (!streaming_ || closed_) return;
+    const auto& path = connection_.pathLabel();
+    std::string detail = fmt::format("{} · {}", connection_.codecName(), snapshot.title);
+    if (path) detail = fmt::format("{} · {}", *path, detail);
+    window_.toolbar().setStatus(ToolbarStatus::connected(labelOf(path)), detail);
+    window_.stats().setText(textOf(snapshot.overlay));
+    if (statsLog_) statsLog_->append(snapshot.csvRow);
+}
+
+void ViewerSession::updateStatsOverlay() {
+    const bool wanted = StatsPreferences::showOverlay(preferences_);
+    window_.toolbar().setStatsShown(wanted);
+    window_.stats().setVisible(streaming_ && wanted);
+}
+
+void ViewerSession::selectDisplay(std::optional<std::uint32_t> id) {
+    if (!streaming_ || closed_) return;
+    DisplaySelection selection{.displayID = id};
+    if (!id) {
+        selection.window = displayRequest();
+        follower_.setLastRequest(selection.window);
+    }
+    ViewerPreferences::setScreenMode(preferences_, id ? ScreenMode::serverDisplay : ScreenMode::matchWindow);
+    debugLog(id ? fmt::format("Switching to server display {}…", *id)
+                : "Switching to a virtual display matching this window…");
+    window_.toolbar().setStatus({ToolbarStatus::Kind::switching});
+    window_.connecting().setSnapshot(imageOf(*services_.makePainter(), connection_.lastImage()));
+    window_.connecting().setWords(QStringLiteral("Switching display…"));
+    window_.connecting().show();
+    connection_.send(MessageType::selectDisplay, selection.encode());
+}
+
+// What the window tells
+
+DisplayRequest ViewerSession::displayRequest() {
+    const VideoView& view = window_.view();
+    return {
+        .width = view.width(), .height = view.height(), .scale = window_.devicePixelRatioF() >= 2 ? 2 : 1};
+}
+
+/// Pictures are drawn when they come; what counts is when the screen shows them.
+void ViewerSession::tellScreenBeat() {
+    const QScreen* screen = window_.screen();
+    const double rate = screen && screen->refreshRate() > 1 ? screen->refreshRate() : 60;
+    const double now = static_cast<double>(main_.nowMicros()) / 1'000'000;
+    slot_->vsync.tick(now, now + 1 / rate);
+}
+
+bool ViewerSession::keysGoToRemote() {
+    return KeyboardPreferences::sendKeys(preferences_) == KeyboardPreferences::SendKeys::windowActive ||
+           window_.view().isMouseInside();
+}
+
+bool ViewerSession::takeKey(const QKeyEvent& event) {
+    VideoView& view = window_.view();
+    if (!streaming_ || closed_) return false;
+    if (!keysGoToRemote() && !view.isHeldRemotely(event)) return false;
+    if (event.type() == QEvent::ShortcutOverride) return true;
+    if (const auto code = keyCodeOf(event); event.type() == QEvent::KeyPress && keyboard_.isHeld() && code &&
+                                            KeyboardCapture::isWayOut(*code, inputFlagsOf(event))) {
+        keyboard_.letGo();
+        view.releaseEverything();
+        return true;
+    }
+    view.forwardKey(event);
+    return true;
+}
+
+void ViewerSession::updateKeyboardCapture() {
+    VideoView& view = window_.view();
+    const bool isKey = window_.isActiveWindow();
+    if (isKey && !closed_ && view.isUnderPointer() != view.isMouseInside()) {
+        view.setMouseInside(!view.isMouseInside());  // which comes back here
+        return;
+    }
+    keyboard_.setActive(streaming_ && !closed_ && isKey && keysGoToRemote());
+}
+
+void ViewerSession::windowActiveChanged() {
+    // What is held when another window gets the keys comes up there.
+    if (!window_.isActiveWindow() && !closed_) window_.view().releaseKeys();
+    updateKeyboardCapture();
+}
+
+void ViewerSession::takeScreenshot() {
+    const SharedPicture picture = connection_.lastImage();
+    if (!streaming_ || closed_ || !picture) {
+        QApplication::beep();
+        return;
+    }
+    window_.view().flash();
+    services_.captures.saveScreenshot(
+        picture, name(), liveness_.guard([this](const CaptureFiles::Saved& saved) { captureSaved(saved); }));
+}
+
+void ViewerSession::captureSaved(const CaptureFiles::Saved& saved) {
+    if (!saved) {
+        const CaptureError& error = saved.error();
+        debugLog(fmt::format("⚠︎ Screenshot not saved: {}", error.description));
+        if (closed_) return;
+        auto* const alert = new QMessageBox(QMessageBox::Warning, shownName_, textOf(error.description),
+                                            QMessageBox::Ok, &window_);
+        alert->setInformativeText(textOf(error.suggestion));
+        alert->setAttribute(Qt::WA_DeleteOnClose);
+        alert->open();
+        return;
+    }
+    debugLog(fmt::format("Screenshot saved: {}", saved->string()));
+    if (closed_) return;
+    window_.toast().showSaved(
+        textOf(fmt::format("Screenshot saved to {}", saved->parent_path().filename().string())), *saved);
+}
+
+// The end
+
+void ViewerSession::closedByPerson() {
+    if (closed_) return;
+    connection_.close();
+    tearDown();
+    // The window is in the middle of its own closing.
+    main_.post(liveness_.guard([this] {
+        if (const auto notify = onClose) notify(std::nullopt);
+    }));
+}
+
+void ViewerSession::tearDown() {
+    if (std::exchange(closed_, true)) return;
+    streaming_ = false;
+    window_.toolbar().setCaptureAvailable(false);
+    follower_.setFollowing(false);
+    activity_.reset();
+    displaySleep_.reset();
+    if (statsLog_) statsLog_->close();
+    preferenceObservation_.reset();
+    keyboard_.stop();
+}
+
+}  // namespace velmora

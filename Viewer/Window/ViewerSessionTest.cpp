@@ -1,0 +1,287 @@
+#include "Viewer/Window/ViewerSession.h"
+
+#include <gmock/gmock.h>
+
+#include <QAbstractButton>
+#include <QAction>
+#include <QKeyEvent>
+#include <QMenu>
+#include <QMessageBox>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "Shared/Preferences.h"
+#include "Testing/FakeJpegEncoder.h"
+#include "Testing/FakeKeepAwake.h"
+#include "Testing/FakePathMonitor.h"
+#include "Testing/FakePicturePainter.h"
+#include "Testing/FakePreferenceStore.h"
+#include "Testing/FakeVideoDecompressor.h"
+#include "Testing/ScratchFolder.h"
+#include "Testing/ScriptedHost.h"
+#include "Testing/SimulatedLink.h"
+#include "Testing/VirtualQueue.h"
+#include "Viewer/Window/WidgetTest.h"
+
+namespace velmora {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A window, and a host that says what the test wants, on a simulated network in virtual time.
+class ViewerSessionTest : public WidgetTest {
+protected:
+    void open(ScreenMode mode = ScreenMode::matchWindow) {
+        ViewerPreferences::setScreenMode(preferences, mode);
+        session = std::make_unique<ViewerSession>(
+            ViewerOptions{.target = Endpoint::hostPort("10.0.0.5", 47272), .name = "Desk"},
+            ViewerSession::Services{
+                .connection = {.transport = link,
+                               .preferences = preferences,
+                               .paths = paths,
+                               .decompressors = decompressors},
+                .main = main,
+                .client = client,
+                .keepAwake = keepAwake,
+                .snapshots = snapshots,
+                .captures = captures,
+                .makePainter = [] { return std::make_unique<FakePicturePainter>(); },
+                .statsFolder = scratch / "stats",
+                .isPointerHeld = [this] { return isPointerHeld; },
+                .revealFile = [this](const std::filesystem::path& file) { revealed.push_back(file); }});
+        session->onClose = [this](const auto& error) {
+            ended = error ? error->title : "closed";
+            session.reset();
+        };
+        session->start();
+        advance(50ms);
+    }
+    void stream(PixelSize size, bool isDynamic) {
+        host.startStream(size, VideoCodec::h264, isDynamic);
+        host.sendKeyframe();
+        advance(50ms);
+    }
+    void advance(HostClock::duration span) {
+        time.advanceBy(span);
+        turnEvents();
+    }
+    ViewerWindow& window() { return session->window(); }
+    bool press(const char* label) {
+        for (auto* button : window().toolbar().findChildren<QAbstractButton*>()) {
+            if (button->accessibleName() != QLatin1String(label) || !button->isVisible() ||
+                !button->isEnabled())
+                continue;
+            button->click();
+            advance(10ms);
+            return true;
+        }
+        return false;
+    }
+    /// What the user's menu shows, ticked entries with a star.
+    std::vector<std::string> displayMenu() {
+        std::vector<std::string> entries;
+        for (const QAction* entry : window().toolbar().displayMenu().actions()) {
+            if (!entry->isSeparator())
+                entries.push_back((entry->isChecked() ? "*" : "") + entry->text().toStdString());
+        }
+        return entries;
+    }
+    ~ViewerSessionTest() override {
+        session.reset();
+        time.settle();
+    }
+
+    VirtualTime time;
+    VirtualQueue main{time, "main"}, client{time, "velmora.quic.client"}, hostQueue{time, "host"},
+        worker{time, "velmora.worker"};
+    SimulatedLink link{time};
+    FakePreferenceStore preferences;
+    FakePathMonitor paths{main};
+    FakeVideoDecompressorFactory decompressors;
+    FakeKeepAwake keepAwake{main};
+    FakeJpegEncoder jpeg;
+    ScratchFolder scratch;
+    FrameSnapshot snapshots{scratch / "frames", jpeg, worker};
+    bool diskIsFull = false;
+    CaptureFiles captures{{.preferences = preferences,
+                           .main = main,
+                           .worker = worker,
+                           .writePng = [this](const Picture&, const std::filesystem::path& file) -> Status {
+                               if (diskIsFull) return Failure{"no space"};
+                               std::ofstream(file) << "png";
+                               return Done{};
+                           },
+                           .systemFolder = [this] { return scratch.path(); }}};
+    ScriptedHost host{link, hostQueue, {}};
+    bool isPointerHeld = false;
+    std::vector<std::filesystem::path> revealed;
+    std::string ended;
+    std::unique_ptr<ViewerSession> session;
+};
+
+TEST_F(ViewerSessionTest, theWindowAsksForADisplayOfItsSizeAndTellsWhenItChanges) {
+    open();
+    const auto asked = host.hello()->display;
+    ASSERT_TRUE(asked);
+    EXPECT_EQ(asked->width, window().view().width());
+    EXPECT_EQ(window().connecting().words(), "Connecting to Desk…");
+    EXPECT_TRUE(window().connecting().isVisible());
+    stream({64, 48}, true);
+    EXPECT_FALSE(window().connecting().isVisible());
+    EXPECT_EQ(host.countOf(MessageType::resizeDisplay), 0);
+    isPointerHeld = true;
+    window().setContentSize({700, 500});
+    advance(2s);
+    EXPECT_EQ(host.countOf(MessageType::resizeDisplay), 0);
+    isPointerHeld = false;
+    advance(400ms);
+    EXPECT_EQ(host.countOf(MessageType::resizeDisplay), 1);
+    EXPECT_EQ(*DisplayRequest::decode(host.lastOf(MessageType::resizeDisplay)),
+              (DisplayRequest{700, 500, 1}));
+}
+
+TEST_F(ViewerSessionTest, aDisplayOfTheHostsOwnGivesTheWindowItsShape) {
+    open(ScreenMode::serverDisplay);
+    EXPECT_EQ(host.hello()->display, std::nullopt);
+    stream({1000, 800}, false);
+    const QSize content = window().view().size(), frame = window().visibleFrame().size();
+    EXPECT_NEAR(content.width() * 8, content.height() * 10, 20);
+    EXPECT_NEAR(
+        std::max(content.width() / (frame.width() * 0.85), content.height() / (frame.height() * 0.85)), 1,
+        0.01);
+    window().setContentSize({900, 700});
+    stream({1000, 800}, false);  // nothing new
+    advance(2s);
+    EXPECT_EQ(window().view().size(), QSize(900, 700));
+    window().showFullScreen();
+    advance(10ms);
+    const QSize full = window().view().size();
+    EXPECT_EQ(full, window().size());
+    EXPECT_FALSE(window().toolbar().isVisible());
+    stream({640, 480}, false);
+    EXPECT_EQ(window().view().size(), full);
+    EXPECT_EQ(host.countOf(MessageType::resizeDisplay), 0);
+    // From a fixed display to one that follows: asked for, whatever its size.
+    stream({640, 480}, true);
+    EXPECT_EQ(host.countOf(MessageType::resizeDisplay), 1);
+}
+
+TEST_F(ViewerSessionTest, displaysAreChosenFromAMenu) {
+    open();
+    EXPECT_FALSE(press("Display"));  // nothing to choose from yet
+    stream({64, 48}, true);
+    const DisplayList list{
+        .displays = {{4, "Left & right", 1920, 1080}, {7, std::string(300, 'x'), 800, 600}},
+        .virtualAvailable = false,
+        .currentID = 4};
+    host.send(MessageType::displayList, list.encode());
+    advance(50ms);
+    const auto entries = displayMenu();
+    ASSERT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries[0], "Match This Window");
+    EXPECT_EQ(entries[1], "*Left && right — 1920×1080");
+    EXPECT_LT(entries[2].size(), 120u);
+    EXPECT_FALSE(window().toolbar().displayMenu().actions()[0]->isEnabled());
+    window().toolbar().displayMenu().actions().back()->trigger();
+    advance(50ms);
+    EXPECT_EQ(DisplaySelection::decode(host.lastOf(MessageType::selectDisplay))->displayID, 7u);
+    EXPECT_EQ(ViewerPreferences::screenMode(preferences), ScreenMode::serverDisplay);
+    EXPECT_TRUE(window().connecting().isVisible());
+    EXPECT_EQ(window().connecting().words(), "Switching display…");
+    host.send(MessageType::displayList, DisplayList{.displays = {}, .virtualAvailable = true}.encode());
+    advance(50ms);
+    EXPECT_FALSE(window().connecting().isVisible());
+    EXPECT_EQ(displayMenu(), std::vector<std::string>{"*Match This Window"});
+    window().toolbar().displayMenu().actions()[0]->trigger();
+    advance(50ms);
+    EXPECT_EQ(DisplaySelection::decode(host.lastOf(MessageType::selectDisplay))->window->width,
+              window().view().width());
+}
+
+TEST_F(ViewerSessionTest, aScreenshotIsSavedAndShownOrTheReasonTold) {
+    open();
+    EXPECT_FALSE(press("Screenshot"));
+    stream({64, 48}, true);
+    EXPECT_TRUE(press("Screenshot"));
+    EXPECT_TRUE(window().toast().isVisible());
+    advance(3900ms);
+    EXPECT_TRUE(window().toast().isVisible());
+    advance(200ms);
+    EXPECT_FALSE(window().toast().isVisible());
+    diskIsFull = true;
+    EXPECT_TRUE(press("Screenshot"));
+    EXPECT_FALSE(window().toast().isVisible());
+    const auto* alert = window().findChild<QMessageBox*>();
+    ASSERT_TRUE(alert);
+    EXPECT_TRUE(alert->text().startsWith("Couldn't save to “"));
+    host.endConnection();  // the session ends under the alert
+    advance(1s);
+    EXPECT_FALSE(session);
+}
+
+TEST_F(ViewerSessionTest, thePanelOfFiguresIsOneForAllWindows) {
+    open();
+    EXPECT_TRUE(press("Stats"));
+    EXPECT_FALSE(window().stats().isVisible());
+    stream({64, 48}, true);
+    EXPECT_TRUE(window().stats().isVisible());
+    preferences.set(PreferenceKeys::showStatsOverlay, false);
+    advance(10ms);
+    EXPECT_FALSE(window().stats().isVisible());
+    EXPECT_FALSE(press("Debug Log"));  // there is no such window here
+}
+
+TEST_F(ViewerSessionTest, keysGoToTheHostWhileThePointerIsOverThePicture) {
+    open();
+    stream({64, 48}, true);
+    const auto key = [&](QEvent::Type type) {
+        return window().onKey(QKeyEvent(type, Qt::Key_X, {}, 53, 0, 0, "x"));
+    };
+    const auto keysSent = [&] {
+        return std::ranges::count_if(host.received, [](const ScriptedHost::Message& message) {
+            return message.type == MessageType::input &&
+                   InputEvent::decode(message.payload)->kind == InputEvent::Kind::key;
+        });
+    };
+    const auto movePointer = [&](bool overPicture) {
+        const VideoView& view = window().view();
+        QCursor::setPos(view.mapToGlobal(overPicture ? view.rect().center() : QPoint(5, -5)));
+        window().view().setMouseInside(overPicture);
+    };
+    movePointer(false);
+    EXPECT_FALSE(key(QEvent::KeyPress));
+    movePointer(true);
+    EXPECT_TRUE(key(QEvent::KeyPress));
+    movePointer(false);  // which sends the key up
+    EXPECT_FALSE(key(QEvent::KeyRelease));
+    advance(50ms);
+    EXPECT_EQ(keysSent(), 2);
+    KeyboardPreferences::setSendKeys(preferences, KeyboardPreferences::SendKeys::windowActive);
+    EXPECT_TRUE(key(QEvent::KeyPress));
+    advance(50ms);
+    EXPECT_EQ(keysSent(), 3);
+}
+
+TEST_F(ViewerSessionTest, itEndsOnceHoweverItEnds) {
+    open();
+    EXPECT_EQ(keepAwake.displayAssertions(), 1);
+    EXPECT_EQ(keepAwake.activities(), 1);
+    stream({64, 48}, true);
+    window().close();
+    advance(1s);
+    EXPECT_EQ(ended, "closed");
+    EXPECT_FALSE(session);
+    EXPECT_EQ(host.countOf(MessageType::bye), 1);
+    EXPECT_EQ(keepAwake.displayAssertions() + keepAwake.activities(), 0);
+    EXPECT_TRUE(std::filesystem::exists(snapshots.fileFor("Desk")));
+
+    ended.clear();
+    open();
+    host.send(MessageType::denied, bytesOf("no"));
+    advance(1s);
+    EXPECT_FALSE(session);
+    EXPECT_NE(ended, "closed");
+}
+
+}  // namespace
+}  // namespace velmora
