@@ -89,7 +89,9 @@ void ViewerSession::start() {
     listenToWindow();
     constexpr auto reason = "Showing a remote screen";
     activity_ = services_.keepAwake.beginActivity(reason);
-    displaySleep_ = services_.keepAwake.preventIdleDisplaySleep(reason, nullptr);
+    displaySleep_ = services_.keepAwake.preventIdleDisplaySleep(reason, [](const Status& outcome) {
+        if (!outcome) debugLog(fmt::format("⚠︎ The display may go dark: {}", outcome.error().text));
+    });
     preferenceObservation_ = preferences_.observe(main_, [this](const std::string& key) {
         if (key == PreferenceKeys::showStatsOverlay) updateStatsOverlay();
         if (key == PreferenceKeys::keyboardSendKeys) updateKeyboardCapture();
