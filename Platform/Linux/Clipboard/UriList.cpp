@@ -10,7 +10,7 @@ namespace velmora {
 
 namespace {
 
-constexpr std::string_view scheme = "file://";
+constexpr std::string_view scheme = "file:";
 
 bool isUnreserved(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -20,6 +20,7 @@ bool isUnreserved(char c) {
 std::optional<std::string> percentDecoded(std::string_view text) {
     std::string decoded;
     for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\0') return std::nullopt;  // no path holds one
         if (text[i] != '%') {
             decoded += text[i];
             continue;
@@ -43,17 +44,20 @@ bool isThisMachine(std::string_view host) {
 std::optional<std::filesystem::path> localFile(std::string_view uri) {
     if (!uri.starts_with(scheme)) return std::nullopt;
     uri.remove_prefix(scheme.size());
-    const auto slash = uri.find('/');
-    if (slash == uri.npos || !isThisMachine(uri.substr(0, slash))) return std::nullopt;
-    auto path = percentDecoded(uri.substr(slash));
-    if (!path) return std::nullopt;
+    if (uri.starts_with("//")) {
+        const auto slash = uri.find('/', 2);
+        if (slash == uri.npos || !isThisMachine(uri.substr(2, slash - 2))) return std::nullopt;
+        uri.remove_prefix(slash);
+    }
+    auto path = percentDecoded(uri);
+    if (!path || !path->starts_with('/')) return std::nullopt;
     return *std::move(path);
 }
 
 }  // namespace
 
 std::string fileUri(const std::filesystem::path& file) {
-    std::string uri(scheme);
+    std::string uri = "file://";
     for (const char c : file.string()) {
         if (isUnreserved(c)) {
             uri += c;
