@@ -128,7 +128,7 @@ RelayTable::Token RelayTable::randomToken() {
 std::optional<RelayTable::Ticket> RelayTable::issue(std::string_view hostId, Time now) {
     auto index = reservePort(hostId);
     if (!index) {
-        dropUnmet(hostId);  // its viewers came another way, or gave up
+        dropStalest(hostId, now);
         index = reservePort(hostId);
     }
     if (!index) return std::nullopt;
@@ -163,15 +163,27 @@ std::optional<std::size_t> RelayTable::reservePort(std::string_view hostId) {
     return std::nullopt;
 }
 
-void RelayTable::dropUnmet(std::string_view hostId) {
+/// Of the host's sessions that do not run: their viewers came another way, or gave up.
+void RelayTable::dropStalest(std::string_view hostId, Time now) {
     const std::string key(hostId);
+    Port* stalest = nullptr;
+    Time since = Time::max();
     for (const auto& port : ports_) {
         const std::lock_guard lock(port->mutex);
         const auto found = port->ofHost.find(key);
         if (found == port->ofHost.end()) continue;
-        const Token token = found->second;
-        if (!port->pairs.at(token).hasMet()) forget(*port, token);
+        const Pair& pair = port->pairs.at(found->second);
+        const Time last = std::max(pair.issued, pair.heard());
+        if (isLive(pair, now) || last >= since) continue;
+        since = last;
+        stalest = port.get();
     }
+    if (!stalest) return;
+    const std::lock_guard lock(stalest->mutex);
+    const auto found = stalest->ofHost.find(key);
+    if (found == stalest->ofHost.end()) return;
+    const Token token = found->second;  // which goes with its pair
+    if (!isLive(stalest->pairs.at(token), now)) forget(*stalest, token);
 }
 
 void RelayTable::receive(std::size_t index, const Arrival& arrival, Time now, std::vector<Departure>& out) {

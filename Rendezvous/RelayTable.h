@@ -38,7 +38,8 @@ public:
 
     struct Parameters {
         std::vector<std::uint16_t> ports{3479, 3480, 3481, 3482, 3483, 3484, 3485, 3486};  // at most 64
-        std::size_t maximumPairs = 10'000;                                                 // about 1 kB each
+        std::size_t maximumPairs =
+            50'000;  // some 600 bytes each; 1,000 introductions a second for tokenLifetime
         std::size_t sidesPerSource = 200;  // an address may be that of an office
         std::uint64_t bytesPerSecond =
             8'000'000;                    // of a pair, both ways: 20 Mbit/s of video sent twice, and files
@@ -107,7 +108,7 @@ private:
     struct Book;
 
     std::optional<std::size_t> reservePort(std::string_view hostId);
-    void dropUnmet(std::string_view hostId);
+    void dropStalest(std::string_view hostId, Time now);
     bool registerAddress(Port& port, ByteView datagram, const Arrival& arrival, Time now);
     void forward(Port& port, const Arrival& arrival, ByteView bytes, Time now, std::vector<Departure>& out);
     bool isLive(const Pair& pair, Time now) const;

@@ -148,6 +148,11 @@ TEST_F(RelayTableTest, eachSessionOfAHostHasItsOwnPort) {
     EXPECT_TRUE(areJoined(first.port, host, viewer));
     EXPECT_FALSE(table->issue("123456789", now));
     EXPECT_TRUE(table->issue("987654321", now));
+
+    now += parameters.liveLimit + 1s;
+    areJoined(first.port, host, viewer);
+    EXPECT_EQ(issue().port, second.port);  // which fell silent
+    EXPECT_TRUE(areJoined(first.port, host, viewer));
 }
 
 TEST_F(RelayTableTest, anAddressThatStaysSilentIsSentLittle) {

@@ -22,24 +22,6 @@ std::string contentOf(const std::filesystem::path& file) {
 
 }  // namespace
 
-ProcessUse useOf(pid_t pid) {
-    ProcessUse use;
-    const std::string stat = contentOf(fmt::format("/proc/{}/stat", pid));
-    const auto end = stat.rfind(')');
-    if (end == std::string::npos) return use;
-    std::istringstream fields(stat.substr(end + 2));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i) fields >> skipped;
-    double user = 0, system = 0;
-    fields >> user >> system;
-    use.cpuSeconds = (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
-    std::istringstream memory(contentOf(fmt::format("/proc/{}/statm", pid)));
-    double total = 0, resident = 0;
-    memory >> total >> resident;
-    use.megabytes = resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1e6;
-    return use;
-}
-
 HostProcess::HostProcess(const std::string& program, const XServerFixture& server,
                          const std::string& preferences) {
     const auto folder = folder_.path().string();

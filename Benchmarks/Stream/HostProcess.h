@@ -3,17 +3,11 @@
 #include <memory>
 #include <string>
 
+#include "Benchmarks/ProcessUse.h"
 #include "Testing/ScratchFolder.h"
 #include "Testing/XServerFixture.h"
 
 namespace velmora {
-
-/// What a process has used so far.
-struct ProcessUse {
-    double cpuSeconds = 0;
-    double megabytes = 0;  // resident
-};
-ProcessUse useOf(pid_t pid);
 
 /// The built program as a host on a display, with preferences and secrets of its own.
 class HostProcess {

@@ -41,6 +41,7 @@ protected:
     std::unique_ptr<RunningProgram> launchHost(const std::optional<std::string>& display);
     std::string password;  // of the host
     std::string hostLine;  // that tells its ID and password
+    void readHostLine(const RunningProgram& host);
 
     /// A viewer that connects and ends when it has seen a resting picture.
     std::unique_ptr<RunningProgram> look(std::vector<std::string> options = {},
@@ -58,8 +59,6 @@ protected:
     ScratchFolder folder_;
 
 private:
-    void readHostLine(const RunningProgram& host);
-
     std::unique_ptr<XServerFixture> server_;
     std::unique_ptr<XTestClient> screen_;
     PixelRect display_;

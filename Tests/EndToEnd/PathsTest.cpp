@@ -1,0 +1,121 @@
+#include <fmt/format.h>
+
+#include <csignal>
+#include <optional>
+
+#include "Tests/EndToEnd/EndToEndTest.h"
+#include "Tests/EndToEnd/HomeNetworks.h"
+
+namespace velmora {
+namespace {
+
+/// A host and an agent that find each other by Host ID alone, with routers between them.
+class Paths : public EndToEndTest {
+protected:
+    using Place = HomeNetworks::Place;
+
+    void begin(HomeNetworks::Options options = {}) {
+        homes.emplace(options);
+        if (!homes->areAllowed()) GTEST_SKIP() << "network namespaces need root: " << homes->error();
+        ASSERT_EQ(homes->error(), "");
+        ASSERT_NO_FATAL_FAILURE(startServer());
+        const std::string address = HomeNetworks::serverAddress;
+        service = launch(
+            Place::server,
+            {RENDEZVOUS_PROGRAM, "--plain", "--listen", address + ":8080", "--public-address", address},
+            {.home = homeOf("service")});
+        host =
+            launch(Place::host, {VELMORA_PROGRAM}, {.home = homeOf("host"), .display = server().display()});
+        ASSERT_TRUE(host->says("waiting for a viewer", 1, within(20))) << host->said();
+        readHostLine(*host);
+        const auto isOnline = [&] {
+            return contentOf(homeOf("host") / "state/velmora/velmora.log").find("Online at") !=
+                   std::string::npos;
+        };
+        ASSERT_TRUE(eventually(isOnline, within(20)));
+        agent =
+            launch(Place::viewer, {VELMORA_PROGRAM, "mcp"}, {.home = homeOf("agent"), .takesLines = true});
+    }
+    std::unique_ptr<RunningProgram> launch(Place place, const std::vector<std::string>& command,
+                                           RunningProgram::Place device) {
+        device.rendezvous = fmt::format("ws://{}:8080", HomeNetworks::serverAddress);
+        return std::make_unique<RunningProgram>(homes->at(place, command), device);
+    }
+    void call(const std::string& tool, const std::string& arguments = "{}") {
+        agent->tell(fmt::format(
+            R"({{"jsonrpc":"2.0","id":{},"method":"tools/call","params":{{"name":"{}","arguments":{}}}}})",
+            ++calls, tool, arguments));
+    }
+    void connect() {
+        call("connect", fmt::format(R"({{"host_id":"{}","password":"{}"}})", hostId(), password));
+    }
+    std::string hostId() const { return hostLine.substr(std::string("Host ID ").size(), 11); }
+    /// The agent says so, and its picture is that of the host.
+    bool isConnectedVia(const std::string& path) {
+        const std::string words = fmt::format("Connected to {} via {}, screen 1280×800", hostId(), path);
+        if (!agent->says(words, 1, within(20))) return false;
+        call("screenshot");
+        return agent->says(
+            R"("mimeType":"image/jpeg"},{"type":"text","text":"1280×800 px"}],"isError":false)", 1,
+            within(20));
+    }
+
+    std::optional<HomeNetworks> homes;
+    std::unique_ptr<RunningProgram> service, host, agent;
+    int calls = 0;
+};
+
+TEST_F(Paths, atOneHomeTheLocalOneIsTaken) {
+    ASSERT_NO_FATAL_FAILURE(begin({.oneHome = true}));
+    if (IsSkipped()) return;
+    connect();
+    EXPECT_TRUE(isConnectedVia("LAN")) << agent->said();
+}
+
+TEST_F(Paths, betweenTwoHomesBothRoutersAreOpened) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    if (IsSkipped()) return;
+    connect();
+    EXPECT_TRUE(isConnectedVia("Direct")) << agent->said();
+}
+
+TEST_F(Paths, goesOnWhenTheViewersRouterTakesAnotherPort) {
+    ASSERT_NO_FATAL_FAILURE(begin({.openHost = true}));
+    if (IsSkipped()) return;
+    const auto viewer =
+        launch(Place::viewer, {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
+               {.home = homeOf("viewer"), .takesLines = true});
+    ASSERT_TRUE(does(*viewer, "wait 0"));
+    EXPECT_TRUE(viewer->says("QUIC connected via Direct"));
+    homes->moveViewersPorts();
+    ASSERT_EQ(homes->error(), "");
+
+    const auto file = folder_.path() / "after.png";
+    const auto isGreen = [&] {
+        screen().fill(display(), 0x00FF00);
+        const auto shown = does(*viewer, "png " + file.string()) ? readPng(file) : std::nullopt;
+        const std::uint32_t pixel = shown ? shown->pixels.at(shown->pixels.size() / 2) : 0;
+        return (pixel >> 8 & 255) > 200 && (pixel & 255) < 50;
+    };
+    EXPECT_TRUE(eventually(isGreen, within(15)));
+    EXPECT_TRUE(viewer->isRunning());
+}
+
+TEST_F(Paths, theRelayServesWhereNothingElseDoes) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    if (IsSkipped()) return;
+    homes->blockDirectPaths();
+    ASSERT_EQ(homes->error(), "");
+    connect();
+    EXPECT_TRUE(isConnectedVia("Relay")) << agent->said();
+
+    service.reset();  // and the relay with it
+    EXPECT_TRUE(agent->says("Connection ended: ", 1, within(40)));
+    call("status");
+    EXPECT_TRUE(
+        agent->says(fmt::format(R"("text":"Disconnected from {0}: Connection to {0} lost)", hostId())))
+        << agent->said();
+}
+
+}  // namespace
+}  // namespace velmora
