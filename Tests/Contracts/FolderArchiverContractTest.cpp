@@ -202,6 +202,7 @@ TEST_F(ZipFolderArchiverTest, linksStayLinksAndPipesAreLeftOut) {
     ASSERT_TRUE(archiver.unpack(*archive, out / "f"));
     EXPECT_THAT(namesIn(out / "f"), UnorderedElementsAre("a", "link"));
     EXPECT_EQ(fs::read_symlink(out / "f" / "link"), "a");
+    EXPECT_EQ(*archiver.pack(out / "f", 1 << 20), *archive) << "the same folder, elsewhere";
 }
 
 }  // namespace

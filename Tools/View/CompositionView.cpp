@@ -9,6 +9,8 @@
 #include <memory>
 #include <utility>
 
+#include "Platform/Linux/Clipboard/X11Pasteboard.h"
+#include "Platform/Linux/Clipboard/ZipFolderArchiver.h"
 #include "Platform/Linux/Codec/VideoCodecFactories.h"
 #include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
 #include "Platform/Linux/Display/X11Pointer.h"
@@ -44,6 +46,7 @@ public:
     ~ViewServices() {
         network_.reset();
         client_.end();
+        files_.end();
         worker_.end();
         preferences_.flush();
     }
@@ -65,7 +68,12 @@ public:
                 .makePainter = [] { return std::make_unique<YuvPicturePainter>(); },
                 .statsFolder = stateFolder() / "stats",
                 .isPointerHeld = [this] { return pointer_.isButtonHeld(); },
-                .revealFile = DesktopFolders::reveal};
+                .revealFile = DesktopFolders::reveal,
+                .clipboard = ClipboardSync::Services{.pasteboard = pasteboard_,
+                                                     .archiver = archiver_,
+                                                     .main = main_,
+                                                     .worker = files_,
+                                                     .inbox = cacheFolder() / "Clipboard"}};
     }
     std::string clientName() const { return machine_.localizedName(); }
     const PreferenceStore& preferences() const { return preferences_; }
@@ -77,6 +85,8 @@ private:
     LinuxMachineInfo machine_;
     LinuxKeepAwake keepAwake_{main_};
     X11Pointer pointer_;
+    X11Pasteboard pasteboard_{main_};
+    ZipFolderArchiver archiver_;
     NetworkManagerPathMonitor paths_{main_};
     AvahiServiceDiscovery discovery_;
     EndpointResolver resolver_{discovery_, main_};
@@ -84,6 +94,7 @@ private:
     std::unique_ptr<VideoDecompressorFactory> decompressors_ = makeVideoDecompressorFactory();
     TurboJpegEncoder jpeg_{TurboJpegEncoder::rough};
     ThreadQueue worker_{"velmora.worker"};
+    ThreadQueue files_{"velmora.files"};
     ThreadQueue client_{"velmora.quic.client"};
     FrameSnapshot snapshots_{cacheFolder() / "LastFrames", jpeg_, worker_};
     CaptureFiles captures_{{.preferences = preferences_,

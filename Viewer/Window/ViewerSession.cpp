@@ -57,6 +57,7 @@ ViewerSession::ViewerSession(ViewerOptions options, Services services)
       keyboard_([this](bool take) { return window_.grabKeys(take); }, main_),
       follower_([this] { return displayRequest(); }, services_.isPointerHeld, main_),
       connection_(std::move(options), connectionServices(), main_, services_.client) {
+    if (services_.clipboard) clipboard_.emplace("host", debugLog, *services_.clipboard);
     follower_.onRequest = [this](const DisplayRequest& request) {
         debugLog(fmt::format("Window resized: asking for {}×{} pt @{}x", request.width, request.height,
                              request.scale));
@@ -154,6 +155,7 @@ void ViewerSession::listenToConnection() {
     connection_.onCursor = [this](const CursorShape& shape) { window_.view().setRemoteCursor(shape); };
     connection_.onDisplayList = [this](const DisplayList& list) { showDisplays(list); };
     connection_.onStats = [this](const ViewerStats::Snapshot& snapshot) { showStats(snapshot); };
+    if (clipboard_) connection_.onClipboard = clipboard_->receiver();
     connection_.onEnded = [this](const ConnectionError& error) {
         if (closed_) return;
         tearDown();
@@ -185,11 +187,21 @@ void ViewerSession::streamChanged(PixelSize size, bool dynamic) {
     updateKeyboardCapture();
     window_.view().setStreamSize(size);
     updateStatsOverlay();
-    if (!statsLog_) statsLog_.emplace(services_.statsFolder, name());
+    if (!statsLog_) {  // the first time
+        statsLog_.emplace(services_.statsFolder, name());
+        startClipboard();
+    }
     if (!dynamic && !window_.isFullScreen()) fitWindowTo(size);
     if (!dynamic || !wasFollowing) follower_.setFollowing(false);
     follower_.setFollowing(dynamic);
     window_.setWindowTitle(shownName_);
+}
+
+void ViewerSession::startClipboard() {
+    if (!clipboard_) return;
+    clipboard_->start([this](const ClipboardContent& content) {
+        connection_.send(MessageType::clipboard, content.encode());
+    });
 }
 
 /// A display of a shape of its own: the window takes that shape.
@@ -343,6 +355,7 @@ void ViewerSession::tearDown() {
     if (statsLog_) statsLog_->close();
     preferenceObservation_.reset();
     keyboard_.stop();
+    if (clipboard_) clipboard_->stop();
 }
 
 }  // namespace velmora

@@ -8,6 +8,7 @@
 
 #include "Platform/KeepAwake.h"
 #include "Platform/PicturePainter.h"
+#include "Shared/ClipboardSync.h"
 #include "VelmoraKit/Core/Queue.h"
 #include "Viewer/Session/CaptureFiles.h"
 #include "Viewer/Session/FrameSnapshot.h"
@@ -38,7 +39,8 @@ public:
         /// Whether a button of the pointer is held, over whatever window; none: unknown.
         std::function<bool()> isPointerHeld;
         std::function<void(const std::filesystem::path&)> revealFile;
-        std::function<void()> showDebugLog;  // none: there is no such window
+        std::function<void()> showDebugLog;                  // none: there is no such window
+        std::optional<ClipboardSync::Services> clipboard{};  // none: it is not shared
     };
     ViewerSession(ViewerOptions options, Services services);
     ~ViewerSession();
@@ -69,6 +71,7 @@ private:
 
     void showStatus(ViewerConnection::Status status);
     void streamChanged(PixelSize size, bool dynamic);
+    void startClipboard();
     void fitWindowTo(PixelSize size);
     void showDisplays(const DisplayList& list);
     void showStats(const ViewerStats::Snapshot& snapshot);
@@ -95,6 +98,7 @@ private:
     KeyboardCapture keyboard_;
     WindowFollower follower_;
     ViewerConnection connection_;
+    std::optional<ClipboardSync> clipboard_;
     std::unique_ptr<KeepAwake::Assertion> activity_, displaySleep_;
     std::unique_ptr<PreferenceStore::Observation> preferenceObservation_;
     std::optional<StatsLog> statsLog_;

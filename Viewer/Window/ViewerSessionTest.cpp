@@ -11,8 +11,10 @@
 #include <nlohmann/json.hpp>
 
 #include "Shared/Preferences.h"
+#include "Testing/FakeFolderArchiver.h"
 #include "Testing/FakeJpegEncoder.h"
 #include "Testing/FakeKeepAwake.h"
+#include "Testing/FakePasteboard.h"
 #include "Testing/FakePathMonitor.h"
 #include "Testing/FakePicturePainter.h"
 #include "Testing/FakePreferenceStore.h"
@@ -48,7 +50,12 @@ protected:
                 .makePainter = [] { return std::make_unique<FakePicturePainter>(); },
                 .statsFolder = scratch / "stats",
                 .isPointerHeld = [this] { return isPointerHeld; },
-                .revealFile = [this](const std::filesystem::path& file) { revealed.push_back(file); }});
+                .revealFile = [this](const std::filesystem::path& file) { revealed.push_back(file); },
+                .clipboard = ClipboardSync::Services{.pasteboard = pasteboard,
+                                                     .archiver = archiver,
+                                                     .main = main,
+                                                     .worker = worker,
+                                                     .inbox = scratch / "inbox"}});
         session->onClose = [this](const auto& error) {
             ended = error ? error->title : "closed";
             session.reset();
@@ -100,6 +107,8 @@ protected:
     FakeVideoDecompressorFactory decompressors;
     FakeKeepAwake keepAwake{main};
     FakeJpegEncoder jpeg;
+    FakePasteboard pasteboard{main};
+    FakeFolderArchiver archiver;
     ScratchFolder scratch;
     FrameSnapshot snapshots{scratch / "frames", jpeg, worker};
     bool diskIsFull = false;
@@ -281,6 +290,21 @@ TEST_F(ViewerSessionTest, itEndsOnceHoweverItEnds) {
     advance(1s);
     EXPECT_FALSE(session);
     EXPECT_NE(ended, "closed");
+}
+
+TEST_F(ViewerSessionTest, theClipboardIsSharedWhileThePictureRuns) {
+    open();
+    pasteboard.copyText("before there is a picture");
+    advance(1s);
+    stream({64, 48}, false);
+    EXPECT_EQ(host.countOf(MessageType::clipboard), 0);
+    pasteboard.copyText("here");
+    advance(1s);
+    EXPECT_EQ(host.lastOf(MessageType::clipboard), (Bytes{0, 'h', 'e', 'r', 'e'}));
+    host.send(MessageType::clipboard, Bytes{0, 'h', 'o', 's', 't'});
+    advance(1s);
+    EXPECT_EQ(pasteboard.text(), "host");
+    EXPECT_EQ(host.countOf(MessageType::clipboard), 1);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -93,13 +94,25 @@ private:
         if (archive_write_open(zip_.get(), &output_, nullptr, &Output::write, nullptr) != ARCHIVE_OK)
             return Fault::unreadable;
         const fs::path name = folder_.filename();
-        if (auto top = writeEntry(real, name); !top) return top;
-        auto files = fs::recursive_directory_iterator(real, error);
-        for (; !error && files != fs::end(files); files.increment(error)) {
-            auto entry = writeEntry(files->path(), name / files->path().lexically_relative(real));
-            if (!entry) return entry;
+        if (auto written = writeFolder(real, name); !written) return written;
+        if (archive_write_close(zip_.get()) != ARCHIVE_OK) return Fault::unreadable;
+        return Done{};
+    }
+
+    /// In the order of names: a folder that is copied again gives the same bytes.
+    Result<Done, Fault> writeFolder(const fs::path& folder, const fs::path& name) {
+        if (auto itself = writeEntry(folder, name); !itself) return itself;
+        std::error_code error;
+        std::map<fs::path, bool> files;  // and whether they are folders
+        for (auto file = fs::directory_iterator(folder, error); !error && file != fs::end(file);
+             file.increment(error))
+            files[file->path()] = fs::is_directory(file->symlink_status(error));
+        if (error) return Fault::unreadable;
+        for (const auto& [file, isFolder] : files) {
+            auto written = isFolder ? writeFolder(file, name / file.filename())
+                                    : writeEntry(file, name / file.filename());
+            if (!written) return written;
         }
-        if (error || archive_write_close(zip_.get()) != ARCHIVE_OK) return Fault::unreadable;
         return Done{};
     }
 
@@ -110,7 +123,9 @@ private:
         content_ += S_ISREG(info.st_mode) ? static_cast<std::uint64_t>(info.st_size) : 0;
         if (++entries_ > limits_.entries || content_ > limits_.contentBytes) return Fault::tooLarge;
         const Entry entry(archive_entry_new());
-        archive_entry_copy_stat(entry.get(), &info);
+        archive_entry_set_mode(entry.get(), info.st_mode);
+        archive_entry_set_size(entry.get(), S_ISREG(info.st_mode) ? info.st_size : 0);
+        archive_entry_set_mtime(entry.get(), info.st_mtim.tv_sec, 0);
         archive_entry_set_pathname(entry.get(), repairedUtf8(viewOf(name.string())).c_str());
         if (S_ISLNK(info.st_mode)) {
             std::error_code error;
