@@ -16,6 +16,7 @@ void takeEarlier(std::optional<RepeatScheduler::TimePoint>& best,
 void RepeatScheduler::sent(const Frame& frame, TimePoint now) {
     const bool isChange = !frame.repeats;
     hasPicture_ = true;
+    lastNumber_ = frame.number;
     if (frame.repeats == Kind::closing) {
         ++closingsSent_;
     } else {
@@ -62,6 +63,9 @@ void RepeatScheduler::wantKeyframe(TimePoint now) {
 
 void RepeatScheduler::lost(std::uint32_t frame, TimePoint now) {
     if (frame == lastKeyframe_ && !keyframeLostAt_) keyframeLostAt_ = now;
+    if (frame != lastNumber_ || closingsSent_ < parameters_.closings.size()) return;
+    closingsSent_ = parameters_.closings.size() - 1;  // an outage took them all: one more
+    lastFrame_ = now;
 }
 
 void RepeatScheduler::mended(std::uint32_t frame) {

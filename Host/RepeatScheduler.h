@@ -14,7 +14,8 @@ namespace velmora {
 ///    few quick repeats bring it to full quality. Where the rate is so low that they leave it blurred, slow
 ///    ones go on for some seconds, or a person would read a blurred page for ever;
 ///  - *closing*: the viewer learns of a lost frame from the frames that follow it. After the last one none
-///    would, so two repeats follow, spaced to survive one burst of loss;
+///    would, so two repeats follow, spaced to survive one burst of loss, and another one each time that the
+///    last of them is known to be lost;
 ///  - *keyframe*: one was asked for while nothing changes, or the last one was lost and nobody mended it.
 /// Pure: told what was sent and asked what is due. After the closing repeats a still screen costs nothing.
 class RepeatScheduler {
@@ -78,7 +79,8 @@ private:
     int sharpenings_ = 0;
     TimePoint lastSharpening_{};
 
-    TimePoint lastFrame_{};  // other than closing repeats
+    std::uint32_t lastNumber_ = 0;
+    TimePoint lastFrame_{};  // other than closing repeats, or the last closing repeat was lost
     std::size_t closingsSent_ = 0;
 
     std::optional<TimePoint> keyframeDueAt_;

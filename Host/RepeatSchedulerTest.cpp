@@ -151,6 +151,17 @@ TEST_F(RepeatSchedulerTest, aLostKeyframeThatNobodyMendsIsReplacedAtMostEveryHal
         << "650 would be too soon after 350";
 }
 
+TEST_F(RepeatSchedulerTest, aStillScreenIsClosedAgainWhenAnOutageTookTheLastRepeat) {
+    change(0ms);
+    EXPECT_EQ(repeatsUntil(1s), (Seen{"closing@40", "closing@160"}));
+    scheduler.lost(1, origin + 1s);  // the repeats may have told of it
+    EXPECT_EQ(repeatsUntil(2s), Seen{});
+    scheduler.lost(number, origin + 2s);
+    EXPECT_EQ(repeatsUntil(3s), Seen{"closing@2160"});
+    scheduler.lost(number, origin + 3s);
+    EXPECT_EQ(repeatsUntil(1h), Seen{"closing@3160"});
+}
+
 TEST_F(RepeatSchedulerTest, aMendedKeyframeIsNotReplaced) {
     change(0ms, sharp, true);
     scheduler.lost(number, origin + 10ms);
