@@ -41,6 +41,7 @@ public:
     /// The symbols of a key in the core keyboard map, none if it has none.
     std::vector<std::uint32_t> symbolsOf(std::uint8_t code);
     xcb_connection_t* connection() const { return connection_; }
+    xcb_window_t window() const { return window_; }
 
 private:
     void read();

@@ -16,6 +16,7 @@
 #include "Platform/Linux/Display/X11Pointer.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
 #include "Platform/Linux/EventLoop/QuitSignals.h"
+#include "Platform/Linux/EventLoop/X11KeyboardWatch.h"
 #include "Platform/Linux/Network/QuicTransportStack.h"
 #include "Platform/Linux/Painting/YuvPicturePainter.h"
 #include "Platform/Linux/System/JsonPreferenceStore.h"
@@ -145,6 +146,9 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
             if (sessions.empty()) QCoreApplication::quit();
         };
     }
+    const X11KeyboardWatch keyboard([&sessions] {
+        for (const auto& session : sessions) session->keyboardTaken();
+    });
     for (const auto& session : sessions) session->start();
     quitSignals.deliver(main, [] { QCoreApplication::quit(); });
     QCoreApplication::exec();

@@ -58,6 +58,9 @@ public:
     void zoomOut() { window_.toolbar().zoomOut(); }
     void resetZoom() { window_.toolbar().resetZoom(); }
 
+    /// Somebody else has the keyboard now, though the window keeps the focus: what is held comes up there.
+    void keyboardTaken() { window_.view().releaseKeys(); }
+
     ViewerWindow& window() { return window_; }
     const std::string& name() const { return connection_.options().name; }
     bool isStreaming() const { return streaming_; }

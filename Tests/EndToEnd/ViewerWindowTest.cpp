@@ -1,0 +1,171 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "Testing/XInputWindow.h"
+#include "Tests/EndToEnd/EndToEndTest.h"
+
+namespace velmora {
+namespace {
+
+using Event = XInputWindow::Event;
+using Kind = Event::Kind;
+using Events = std::vector<Event>;
+
+constexpr std::uint32_t picture = 0xC03020;  // the host's screen, where nothing else is
+constexpr std::uint8_t aKey = 38, tabKey = 23, altKey = 64, wheelUp = 4;
+
+/// A window on a host: the built viewer on a screen of its own, with a window manager and a person's hands.
+class ViewerWindowEndToEnd : public EndToEndTest {
+protected:
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(startServer(XServerFixture::Kind::xvfb, hostSize));
+        viewerServer_ = std::make_unique<XServerFixture>(XServerFixture::Options{.size = viewerSize});
+        ASSERT_TRUE(viewerServer_->ok()) << viewerServer_->error();
+        viewerScreen_ = std::make_unique<XTestClient>(viewerServer_->display());
+        windowManager_ = onViewer({"openbox"});
+        host_ = startHost();
+        hostWindow_ = std::make_unique<XInputWindow>(server().display());
+        ASSERT_TRUE(hostWindow_->ok());
+    }
+    std::unique_ptr<RunningProgram> onViewer(const std::vector<std::string>& command) {
+        return std::make_unique<RunningProgram>(
+            command, RunningProgram::Place{.home = homeOf("viewer"), .display = viewerServer_->display()});
+    }
+    void openWindow() {
+        paintHost();
+        viewer_ = onViewer({VIEW_PROGRAM, address, "--password", password, "--name", "Desk"});
+        ASSERT_TRUE(eventually([&] { return findPicture(); }, within(20)))
+            << viewer_->said() << host_->said();
+        use({"mousemove", std::to_string(place_.x + 300), std::to_string(place_.y + 200), "click", "1"});
+        ASSERT_TRUE(hostWindow_->waitUntil([](const Events& events) {
+            return std::ranges::count(events, Kind::buttonUp, &Event::kind) > 0;
+        }));
+        hostWindow_->take();
+    }
+    /// Over the window that listens there.
+    void paintHost() {
+        const std::uint32_t values[] = {picture};
+        auto* const c = hostWindow_->connection();
+        const xcb_gcontext_t pen = xcb_generate_id(c);
+        xcb_create_gc(c, pen, hostWindow_->window(), XCB_GC_FOREGROUND, values);
+        const xcb_rectangle_t all{0, 0, hostSize.width, hostSize.height};
+        xcb_poly_fill_rectangle(c, hostWindow_->window(), pen, 1, &all);
+        xcb_free_gc(c, pen);
+        xcb_flush(c);
+    }
+    /// Whether the viewer's screen shows the host's at its own size; `place_` is then where.
+    bool findPicture() {
+        const auto image = screenshotOf(*viewerScreen_, {0, 0, viewerSize.width, viewerSize.height});
+        if (!image) return false;
+        const auto isPicture = [](std::uint32_t pixel) {
+            const auto part = [](std::uint32_t p, int shift) { return static_cast<int>(p >> shift & 255); };
+            return std::ranges::all_of(std::vector{0, 8, 16}, [&](int shift) {
+                return std::abs(part(pixel, shift) - part(picture, shift)) < 12;
+            });
+        };
+        int left = viewerSize.width, top = viewerSize.height, right = -1, bottom = -1;
+        for (int y = 0; y < viewerSize.height; ++y) {
+            for (int x = 0; x < viewerSize.width; ++x) {
+                if (!isPicture(image->pixels[static_cast<std::size_t>(y * viewerSize.width + x)])) continue;
+                left = std::min(left, x), right = std::max(right, x);
+                top = std::min(top, y), bottom = std::max(bottom, y);
+            }
+        }
+        place_ = {left, top, right - left + 1, bottom - top + 1};
+        return place_.width == hostSize.width && place_.height == hostSize.height;
+    }
+    /// The person's hands.
+    void use(std::vector<std::string> what) {
+        what.insert(what.begin(), "xdotool");
+        auto hands = onViewer(what);
+        ASSERT_EQ(hands->end(within(20)), 0) << hands->said();
+    }
+    bool hostSees(Kind kind, std::uint8_t detail, int times = 1) {
+        return hostWindow_->waitUntil([&](const Events& events) {
+            return std::ranges::count_if(events, [&](const Event& event) {
+                       return event.kind == kind && event.detail == detail;
+                   }) >= times;
+        });
+    }
+
+    static constexpr PixelSize hostSize{1000, 640};
+    static constexpr PixelSize viewerSize{1178, 754};  // whose window shows the host's screen at its own size
+    std::unique_ptr<XServerFixture> viewerServer_;
+    std::unique_ptr<XTestClient> viewerScreen_;
+    std::unique_ptr<RunningProgram> windowManager_, host_, viewer_;
+    std::unique_ptr<XInputWindow> hostWindow_;
+    PixelRect place_;
+};
+
+TEST_F(ViewerWindowEndToEnd, handsOverThePictureReachTheHost) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    use({"mousemove", std::to_string(place_.x + 37), std::to_string(place_.y + 611), "click", "--repeat", "3",
+         "4"});
+    ASSERT_TRUE(hostSees(Kind::buttonUp, wheelUp, 3));
+    const Events scrolled = hostWindow_->take();
+    EXPECT_NEAR(scrolled.back().x, 37, 1);
+    EXPECT_NEAR(scrolled.back().y, 611, 1);
+    EXPECT_EQ(std::ranges::count(scrolled, Kind::buttonDown, &Event::kind), 3);
+
+    use({"key", "A"});
+    ASSERT_TRUE(hostSees(Kind::keyUp, aKey));
+    const Events typed = hostWindow_->take();
+    const auto down = std::ranges::find_if(
+        typed, [](const Event& event) { return event.kind == Kind::keyDown && event.detail == aKey; });
+    ASSERT_NE(down, typed.end());
+    EXPECT_TRUE(down->state & XCB_MOD_MASK_SHIFT);
+    EXPECT_FALSE(hostWindow_->isAnythingDown());
+}
+
+TEST_F(ViewerWindowEndToEnd, theDesktopsOwnShortcutsGoToTheHostUntilThePersonWantsOut) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    // A grab may have to wait for the window manager's own to end.
+    ASSERT_TRUE(eventually([&] {
+        use({"key", "alt+Tab"});
+        const Events seen = hostWindow_->take();
+        return std::ranges::any_of(
+            seen, [](const Event& event) { return event.kind == Kind::keyDown && event.detail == tabKey; });
+    }));
+    use({"key", "ctrl+alt+shift+Escape"});
+    EXPECT_FALSE(hostWindow_->isAnythingDown());
+    hostWindow_->take();
+    use({"keydown", "alt", "key", "Tab", "keyup", "alt", "key", "a"});
+    ASSERT_TRUE(hostSees(Kind::keyUp, aKey));
+    const Events after = hostWindow_->take();
+    EXPECT_TRUE(std::ranges::none_of(after, [](const Event& event) { return event.detail == tabKey; }));
+    EXPECT_FALSE(hostWindow_->isAnythingDown());
+}
+
+TEST_F(ViewerWindowEndToEnd, nothingStaysDownWhenAnotherWindowTakesTheKeys) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    use({"keydown", "alt", "keydown", "a"});
+    ASSERT_TRUE(hostSees(Kind::keyDown, aKey));
+    ASSERT_TRUE(hostSees(Kind::keyDown, altKey));
+    const auto other = onViewer({"xterm", "-geometry", "20x5+0+0"});
+    use({"search", "--sync", "--onlyvisible", "--class", "xterm", "windowactivate"});
+    EXPECT_FALSE(hostWindow_->isAnythingDown());
+    use({"keyup", "a", "keyup", "alt"});
+    EXPECT_FALSE(hostWindow_->isAnythingDown());
+}
+
+TEST_F(ViewerWindowEndToEnd, closingItFreesTheHostAndAWrongPasswordEndsIt) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    // Off the picture, keys are for this desktop, from when the window has seen the pointer go.
+    ASSERT_TRUE(eventually(
+        [&] {
+            use({"mousemove", std::to_string(place_.x + 300), std::to_string(place_.y - 24), "key",
+                 "alt+F4"});
+            return !viewer_->isRunning();
+        },
+        within(20)));
+    EXPECT_EQ(viewer_->end(within(20)), 0);
+    EXPECT_TRUE(host_->says("waiting for a viewer", 2)) << host_->said();
+    const auto stranger =
+        onViewer({VIEW_PROGRAM, address, "--password", password == "111111" ? "222222" : "111111"});
+    EXPECT_EQ(stranger->end(within(20)), 1);
+    EXPECT_THAT(stranger->said(), testing::HasSubstr("password"));
+}
+
+}  // namespace
+}  // namespace velmora
