@@ -168,8 +168,19 @@ void SignalingRendezvousPath::punched(const std::string& hostMapped, std::uint16
     if (mapped) client_.send(rendezvous::ViewerCandidates{.mapped = *mapped});
     directTimer_ = services_.main.after(parameters_.punchHeadStart, [this, hostMapped, localPort] {
         if (ladder_.hasWinner()) return;
+        directPort_ = localPort;
         attempt("Direct " + hostMapped, RemoteDevices::endpointFor(hostMapped), localPort);
     });
+}
+
+void SignalingRendezvousPath::reopen() {
+    if (!directPort_) return;
+    services_.probes.mappedAddress(
+        *directPort_, liveness_.guard([this](const std::optional<std::string>& mapped) {
+            if (!mapped) return;
+            debugLog(fmt::format("Nothing heard from the host; our public address: {}", *mapped));
+            client_.send(rendezvous::ViewerCandidates{.mapped = *mapped});
+        }));
 }
 
 void SignalingRendezvousPath::tryRelay(const rendezvous::RelayOffer& offer,

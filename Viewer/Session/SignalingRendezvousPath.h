@@ -45,6 +45,9 @@ public:
     static Factory factory(SignalingUrl url, Services services);
 
     void start(const std::string& hostID) override;
+    /// A NAT on the way may see us at another address by now, which the host's lets in no more than any other
+    /// stranger: the host punches towards it, and QUIC moves there.
+    void reopen() override;
     void hangUp() override;
 
     /// 50000 to 60000, both included.
@@ -77,7 +80,8 @@ private:
     const Parameters parameters_;
     std::string hostID_;
     bool accepted_ = false;
-    std::string fingerprint_;  // once accepted
+    std::optional<std::uint16_t> directPort_;  // ours, once an attempt has been made from it
+    std::string fingerprint_;                  // once accepted
     TimerToken directTimer_, relayTimer_, raceTimer_;
     Liveness liveness_;
     SignalingClient client_;

@@ -180,6 +180,14 @@ TEST_F(SignalingRendezvousPathTest, punchesThroughFromThePortThatItThenConnectsF
     EXPECT_THAT(diary.viewerLines(),
                 Contains("Our public address: 203.0.113.5:50001; host's: 198.51.100.7:40001"));
     EXPECT_THAT(diary.viewerLines(), Contains("“Studio” accepted; its addresses: none"));
+
+    ladder.winner = true;
+    server().received.clear();
+    ladder.path->reopen();
+    time.advanceBy(30ms);
+    EXPECT_EQ(network.sent.back().datagram.localPort, 50001);
+    EXPECT_THAT(server().received,
+                ElementsAre(R"({"candidates":{"mapped":"203.0.113.5:50001"},"type":"candidates"})"));
 }
 
 TEST_F(SignalingRendezvousPathTest, triesDirectlyEvenIfStunIsSilent) {

@@ -363,6 +363,9 @@ void ViewerConnection::handleStream(const ViewerMediaPath::StreamFormat& format)
 }
 
 void ViewerConnection::handleSnapshot(const ViewerStats::Snapshot& snapshot) {
+    silence_ = snapshot.isSilent ? silence_ + 1 : 0;
+    const bool isDirect = pathLabel_ == "Direct";
+    if (isDirect && silence_ == parameters_.silentBeats) rendezvous_->reopen();
     if (main_.now() - lastSnapshotSave_ > parameters_.snapshotInterval) {
         if (auto image = lastImage()) {
             lastSnapshotSave_ = main_.now();

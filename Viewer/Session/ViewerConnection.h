@@ -50,8 +50,9 @@ public:
         RendezvousPath::Factory makeRendezvousPath;
     };
     struct Parameters {
-        std::chrono::milliseconds localLimit{8000};         // for a host on this network to answer
-        std::chrono::milliseconds rendezvousLimit{20000};   // for the whole way through the service
+        std::chrono::milliseconds localLimit{8000};        // for a host on this network to answer
+        std::chrono::milliseconds rendezvousLimit{20000};  // for the whole way through the service
+        int silentBeats = 2;  // a second each, before a path is opened once more; the end comes after 20
         std::chrono::milliseconds snapshotInterval{15000};  // what a crash may cost of the last picture
     };
 
@@ -157,6 +158,7 @@ private:
     bool connected_ = false;
     bool isStreaming_ = false;
     bool closed_ = false;
+    int silence_ = 0;  // beats without a word of the host
     HostClock::time_point lastSnapshotSave_;
     TimerToken connectTimer_;  // while paths are tried or the control stream opens
     Liveness liveness_;

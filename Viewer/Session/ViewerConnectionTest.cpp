@@ -53,10 +53,11 @@ public:
     struct Record {
         Ladder* ladder = nullptr;
         std::vector<std::string> started;
-        int hangUps = 0;
+        int hangUps = 0, reopenings = 0;
     };
     ScriptedRendezvous(Ladder& ladder, Record& record) : record_(record) { record_.ladder = &ladder; }
     void start(const std::string& hostID) override { record_.started.push_back(hostID); }
+    void reopen() override { ++record_.reopenings; }
     void hangUp() override { ++record_.hangUps; }
 
 private:
@@ -327,6 +328,24 @@ TEST_F(ViewerConnectionTest, attemptsOfTheServiceRaceAndTheTokenStandsForThePass
     host->startStream({64, 48});
     run(30s);
     EXPECT_TRUE(ends.empty());  // none of the ladder's limits concerns a session
+}
+
+TEST_F(ViewerConnectionTest, aDirectPathThatFallsSilentIsOpenedOnceMore) {
+    auto options = toKnownHostId();
+    options.lanEndpoint.reset();
+    connect(options);
+    run(100ms);
+    rendezvous.ladder->attempt({"Direct 10.0.0.5:47272", lan, "AB01", 50123});
+    run(100ms);
+    host->startStream({64, 48});
+    run(4s);  // nothing moves, but the host answers each ping
+    EXPECT_EQ(rendezvous.reopenings, 0);
+    link.cut();
+    run(3100ms);
+    EXPECT_EQ(rendezvous.reopenings, 1);
+    run(40s);
+    EXPECT_EQ(rendezvous.reopenings, 1);
+    EXPECT_EQ(endKind(), Kind::connectionLost);
 }
 
 TEST_F(ViewerConnectionTest, aHostIdNeedsAPasswordForTheService) {

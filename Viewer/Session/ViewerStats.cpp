@@ -69,6 +69,7 @@ void ViewerStats::recordPong(const Pong& pong, std::uint64_t receivedMicros) {
     lastRTT_ = rtt;
     serverCPU_ = pong.serverCPUPermille / 10.0;
     period_.dropped += pong.droppedFrames;
+    ++period_.pongs;
 }
 
 void ViewerStats::recordResendRequest() {
@@ -99,6 +100,7 @@ ViewerStats::Snapshot ViewerStats::take(const Stream& stream, std::chrono::durat
         .csvRow = csvRowOf(f, sources_.wallClock()),
         .frames = period.frames,
         .resendRequests = period.resendRequests,
+        .isSilent = period.frames == 0 && period.pongs == 0,
     };
     if (f.clockKnown && !period.network.empty()) snapshot.networkP95 = period.network.percentile(95);
     return snapshot;

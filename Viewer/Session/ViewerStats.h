@@ -39,6 +39,7 @@ public:
         std::string csvRow;      // without line end; columns as in `csvHeader`
         int frames = 0;
         int resendRequests = 0;
+        bool isSilent = false;             // neither a picture nor a pong
         std::optional<double> networkP95;  // ms; absent without clock offset or frames
     };
     /// What a snapshot tells of the stream itself.
@@ -77,7 +78,7 @@ private:
     };
     /// What starts afresh with each period. The sets are milliseconds.
     struct Period {
-        int frames = 0, keyframes = 0, resendRequests = 0;
+        int frames = 0, keyframes = 0, resendRequests = 0, pongs = 0;
         std::uint64_t dropped = 0;  // by the host, as it reported
         std::size_t bytes = 0, maxBytes = 0;
         SampleSet capture, encode, network, decode, display, total;
