@@ -56,7 +56,8 @@ public:
 
     /// What is offered now, in the owner's order and words; nothing if the owner is silent.
     virtual void readTypes(Types done) = 0;
-    /// The bytes of a type, at most `most` of them. `text` is found under any name that it goes by here.
+    /// The bytes of a type, at most `most` of them. `text` and `png` are found under any name and in
+    /// any form that they have here.
     virtual void read(const std::string& type, std::size_t most, Reading done) = 0;
     /// The files and folders copied, absolute; nothing if what is copied is not on this machine.
     virtual void readFiles(Files done) = 0;

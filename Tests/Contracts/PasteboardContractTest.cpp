@@ -238,6 +238,39 @@ TEST(X11PasteboardTest, thePasswordManagersHintMeansConcealed) {
     EXPECT_THAT(typesOf({password, {Type::transient, {}}}), Contains(Type::transient));
 }
 
+TEST(X11PasteboardTest, picturesAreReadAsPngAndOfferedAsTiffToo) {
+    const XServerFixture server(XServerFixture::Kind::xvfb);
+    PumpedQueue main;
+    X11Pasteboard pasteboard(main, server.display()), other(main, server.display());
+    const auto read = [&](const char* type) {
+        std::optional<Result<Bytes, Lack>> outcome;
+        pasteboard.read(type, 1 << 20, [&](auto found) { outcome = std::move(found); });
+        EXPECT_TRUE(main.runUntil([&] { return outcome.has_value(); }, 20s));
+        return std::move(*outcome).valueOr({});
+    };
+    const auto copy = [&](std::vector<PasteboardItem> items) {
+        const auto before = pasteboard.changeCount();
+        other.write(std::move(items));
+        ASSERT_TRUE(main.runUntil([&] { return pasteboard.changeCount() != before; }, 20s));
+    };
+    read(Type::text);  // it watches now
+    // Two pixels, blue below green.
+    const Bytes bmp{'B', 'M', 62, 0, 0, 0, 0, 0,  0, 0, 54, 0, 0,   0, 40, 0, 0, 0,   1, 0, 0,
+                    0,   2,   0,  0, 0, 1, 0, 24, 0, 0, 0,  0, 0,   8, 0,  0, 0, 0,   0, 0, 0,
+                    0,   0,   0,  0, 0, 0, 0, 0,  0, 0, 0,  0, 255, 0, 0,  0, 0, 255, 0, 0};
+    copy({{"image/bmp", bmp}});
+    const Bytes png = read(Type::png);
+    ASSERT_GT(png.size(), 8u);
+    EXPECT_EQ(textOf(ByteView(png).subspan(1, 3)), "PNG");
+    copy({{Type::png, png}});
+    const Bytes tiff = read("image/tiff");
+    ASSERT_FALSE(tiff.empty());
+    copy({{"image/tiff", tiff}});
+    EXPECT_EQ(read(Type::png), png) << "the same two pixels";
+    copy({{"image/tiff", {'I', 'I', '*', 0}}});
+    EXPECT_TRUE(read(Type::png).empty()) << "no picture at all";
+}
+
 TEST(X11PasteboardTest, withoutAServerItIsEmptyAndAnswersAllTheSame) {
     PumpedQueue main;
     X11Pasteboard pasteboard(main, ":9999");

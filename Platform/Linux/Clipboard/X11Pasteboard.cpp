@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Linux/Clipboard/PictureForms.h"
 #include "Platform/Linux/Clipboard/UriList.h"
 #include "Platform/Linux/Display/XEventWaiter.h"
 #include "VelmoraKit/Core/DebugLog.h"
@@ -26,6 +27,21 @@ constexpr std::size_t longestList = 4 << 20;  // of targets, or of files
 
 /// The names that plain text goes by, the best first. The last one is ISO 8859-1, the others are UTF-8.
 const std::vector<std::string> textTargets{"UTF8_STRING", Pasteboard::Type::text, "text/plain", "STRING"};
+
+/// The forms that pictures come in, the best first.
+const std::vector<std::string> pictureTargets{Pasteboard::Type::png, "image/tiff", "image/bmp", "image/jpeg"};
+
+bool contains(const std::vector<std::string>& names, const std::string& name) {
+    return std::ranges::find(names, name) != names.end();
+}
+
+/// The names in the list that stand for another one which is not there add that one.
+void addIfOffered(std::vector<std::string>& types, const std::string& type,
+                  const std::vector<std::string>& standIns) {
+    const bool isOffered =
+        std::ranges::any_of(standIns, [&](const auto& name) { return contains(types, name); });
+    if (isOffered && !contains(types, type)) types.push_back(type);
+}
 
 Bytes fromLatin1(ByteView text) {
     Bytes utf8;
@@ -98,9 +114,9 @@ public:
             std::vector<xcb_atom_t> targets(outcome->size() / sizeof(xcb_atom_t));
             std::memcpy(targets.data(), outcome->data(), targets.size() * sizeof(xcb_atom_t));
             auto types = atoms_->namesOf(targets);
-            if (std::ranges::count(types, copiedFiles) && !std::ranges::count(types, Type::files))
-                types.push_back(Type::files);
-            if (!std::ranges::count(types, passwordHint)) return done(std::move(types));
+            addIfOffered(types, Type::files, {copiedFiles});
+            addIfOffered(types, Type::png, pictureTargets);
+            if (!contains(types, passwordHint)) return done(std::move(types));
             tellHint(std::move(types), std::move(done));
         });
     }
@@ -114,8 +130,7 @@ public:
                     done = std::move(done)](Result<Bytes, Lack> outcome) mutable {
                        if (!outcome && outcome.error().tooLong == 0 && !targets.empty())
                            return readFirst(std::move(targets), most, std::move(done));
-                       if (outcome && target == textTargets.back()) return done(fromLatin1(*outcome));
-                       done(std::move(outcome));
+                       done(outcome ? translated(target, *std::move(outcome)) : outcome.error());
                    });
     }
 
@@ -125,6 +140,8 @@ public:
             const auto data = std::make_shared<const Bytes>(std::move(item.data));
             if (item.type != Type::text) {
                 offered.push_back({atoms_->of(item.type), data});
+                // For programs that know nothing else.
+                if (item.type == Type::png) offered.push_back({atoms_->of("image/tiff"), data, tiffOf});
                 continue;
             }
             for (const std::string& target : textTargets) {
@@ -144,9 +161,17 @@ private:
         const auto* own = owner_->items();
         if (!own) return reader_->read(atom, most, HostClock::now(), std::move(done));
         const auto item = std::ranges::find(*own, atom, &XSelectionOwner::Item::target);
-        if (item == own->end()) return done(Lack{});
+        if (item == own->end() || item->convert) return done(Lack{});
         if (item->data->size() > most) return done(Lack{.tooLong = item->data->size()});
         done(*item->data);
+    }
+
+    /// What the names of other forms stand for.
+    static Result<Bytes, Lack> translated(const std::string& target, Bytes data) {
+        if (target == textTargets.back()) return fromLatin1(data);
+        if (target == Type::png || !contains(pictureTargets, target)) return data;
+        auto png = pngOf(data);
+        return png ? Result<Bytes, Lack>(*std::move(png)) : Lack{};
     }
 
     std::vector<std::string> typesOf(const std::vector<XSelectionOwner::Item>& items) {
@@ -318,7 +343,7 @@ void X11Pasteboard::readTypes(Types done) {
 }
 
 void X11Pasteboard::read(const std::string& type, std::size_t most, Reading done) {
-    auto targets = type == Type::text ? textTargets : std::vector{type};
+    auto targets = type == Type::text ? textTargets : type == Type::png ? pictureTargets : std::vector{type};
     client().perform(
         [targets = std::move(targets), most, done = onMain(std::move(done))](Client* client) mutable {
             client ? client->readFirst(std::move(targets), most, std::move(done)) : done(Lack{});

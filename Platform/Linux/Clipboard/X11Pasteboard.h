@@ -11,7 +11,8 @@
 namespace velmora {
 
 /// The CLIPBOARD selection of an X server, on a connection and a thread of its own: no other program can hold
-/// the main queue up. `x-kde-passwordManagerHint` counts as the concealed type. Where there is no X server
+/// the main queue up. `x-kde-passwordManagerHint` counts as the concealed type; pictures in
+/// other forms are read as PNG, and PNG is offered as TIFF too. Where there is no X server
 /// the pasteboard is empty; each use looks again.
 class X11Pasteboard final : public Pasteboard {
 public:

@@ -84,6 +84,14 @@ bool XSelectionOwner::answer(xcb_window_t requestor, xcb_atom_t target, xcb_atom
     }
     const auto item = std::ranges::find(current_->items, target, &Item::target);
     if (item == current_->items.end()) return false;
+    if (const auto convert = std::exchange(item->convert, nullptr)) {
+        auto data = convert(*item->data);
+        if (!data) {
+            current_->items.erase(item);
+            return false;
+        }
+        item->data = std::make_shared<const Bytes>(*std::move(data));
+    }
     if (item->data->size() > parameters_.piece) return begin(requestor, property, *item, now);
     put(requestor, property, target, *item->data);
     return true;

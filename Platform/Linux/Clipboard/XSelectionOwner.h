@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -24,6 +25,8 @@ public:
     struct Item {
         xcb_atom_t target = XCB_ATOM_NONE;
         SharedBytes data;
+        /// If set, `data` becomes what is offered only when somebody asks; none: it cannot.
+        std::function<std::optional<Bytes>(ByteView)> convert{};
     };
 
     XSelectionOwner(const XConnection& connection, XAtoms& atoms, xcb_atom_t selection,
