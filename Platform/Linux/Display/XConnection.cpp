@@ -2,14 +2,27 @@
 
 #include <fmt/format.h>
 
+#include <mutex>
+
 namespace velmora {
+
+namespace {
+
+/// One at a time: the library that finds the authority file keeps its name in a static buffer.
+xcb_connection_t* connect(const std::string& display, int& preferredScreen) {
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
+    return xcb_connect(display.c_str(), &preferredScreen);
+}
+
+}  // namespace
 
 Result<std::unique_ptr<XConnection>> XConnection::open(const std::string& display) {
     const char* fromEnvironment = std::getenv("DISPLAY");
     const std::string name = display.empty() && fromEnvironment ? fromEnvironment : display;
     if (name.empty()) return Failure{"there is no X server here (DISPLAY is not set)"};
     int preferred = 0;
-    xcb_connection_t* connection = xcb_connect(name.c_str(), &preferred);
+    xcb_connection_t* connection = connect(name, preferred);
     if (const int error = xcb_connection_has_error(connection)) {
         xcb_disconnect(connection);
         return Failure{fmt::format("the X server {} cannot be reached", name), error};
