@@ -2,7 +2,7 @@
 
 #include <QApplication>
 #include <QPalette>
-#include <QStyleFactory>
+#include <QProxyStyle>
 #include <QWidget>
 
 namespace velmora::Appearance {
@@ -12,6 +12,17 @@ namespace {
 bool isDark(const QPalette& palette) {
     return palette.color(QPalette::Window).lightness() < 128;
 }
+
+/// Fusion, with plain words on buttons.
+class Style final : public QProxyStyle {
+public:
+    Style() : QProxyStyle(QStringLiteral("Fusion")) {}
+    int styleHint(StyleHint hint, const QStyleOption* option, const QWidget* widget,
+                  QStyleHintReturn* result) const override {
+        if (hint == SH_DialogButtonBox_ButtonsHaveIcons) return 0;
+        return QProxyStyle::styleHint(hint, option, widget, result);
+    }
+};
 
 // Text on its background has a contrast of at least 4.5 to 1 in both.
 QPalette palette(bool dark) {
@@ -48,11 +59,8 @@ QPalette palette(bool dark) {
 
 void apply(Theme theme) {
     static const bool desktopIsDark = isDark(QApplication::palette());
-    static const bool styled = [] {
-        QApplication::setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
-        return true;
-    }();
-    (void)styled;
+    static const bool isStyled = (QApplication::setStyle(new Style), true);
+    if (!isStyled) return;
     QApplication::setPalette(palette(theme == Theme::dark || (theme == Theme::automatic && desktopIsDark)));
 }
 

@@ -47,7 +47,7 @@ QImage boxBlurred(const QImage& from, int radius) {
 void drawPanel(QPainter& painter, const QRect& area, double radius) {
     painter.setRenderHint(QPainter::Antialiasing);
     painter.setPen(QPen(QColor(255, 255, 255, 40), 1));
-    painter.setBrush(QColor(20, 21, 24, 208));
+    painter.setBrush(QColor(20, 21, 24, 232));
     painter.drawRoundedRect(QRectF(area).adjusted(0.5, 0.5, -0.5, -0.5), radius, radius);
 }
 

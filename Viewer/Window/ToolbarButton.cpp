@@ -45,8 +45,8 @@ QPainterPath chart() {
     QPainterPath path;
     path.moveTo(2.5, 17.5);
     path.lineTo(17.5, 17.5);
-    for (const auto& [x, top] : {std::pair{5.5, 11.0}, {10.0, 4.0}, {14.5, 8.0}})
-        path.addRect(QRectF(x - 1.25, top, 2.5, 17.5 - top));
+    for (const auto& [x, top] : {std::pair{5.0, 11.5}, {10.0, 4.0}, {15.0, 8.0}})
+        path.addRect(QRectF(x - 1.5, top, 3, 17.5 - top));
     return path;
 }
 

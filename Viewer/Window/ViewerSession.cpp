@@ -320,8 +320,8 @@ void ViewerSession::captureSaved(const CaptureFiles::Saved& saved) {
         const CaptureError& error = saved.error();
         debugLog(fmt::format("⚠︎ Screenshot not saved: {}", error.description));
         if (closed_) return;
-        auto* const alert = new QMessageBox(QMessageBox::Warning, shownName_, textOf(error.description),
-                                            QMessageBox::Ok, &window_);
+        auto* const alert = new QMessageBox(QMessageBox::Warning, QStringLiteral("Velmora"),
+                                            textOf(error.description), QMessageBox::Ok, &window_);
         alert->setInformativeText(textOf(error.suggestion));
         alert->setAttribute(Qt::WA_DeleteOnClose);
         alert->open();
