@@ -13,8 +13,9 @@
 namespace velmora {
 namespace {
 
-// The slowest toolkit seen takes this long to read a keyboard map that changed nineteen times.
-constexpr auto longestWait = std::chrono::milliseconds(1600);
+// More than twice what the slowest toolkit seen takes to read a keyboard map that changed nineteen times.
+constexpr auto longestWait = std::chrono::milliseconds(4000);
+constexpr double mostBlindWaits = 16;
 // Without an answer to wait for: three times what a terminal needs on a machine that has time.
 constexpr auto blindWait = std::chrono::milliseconds(100);
 constexpr int deepestNesting = 32;
@@ -31,7 +32,7 @@ std::chrono::milliseconds blindWaitNow() {
     double load = 0;
     if (::getloadavg(&load, 1) != 1) return blindWait;
     const double perProcessor = load / std::max(1u, std::thread::hardware_concurrency());
-    const double factor = std::clamp(perProcessor, 1.0, static_cast<double>(longestWait / blindWait));
+    const double factor = std::clamp(perProcessor, 1.0, mostBlindWaits);
     return std::chrono::milliseconds(static_cast<int>(static_cast<double>(blindWait.count()) * factor));
 }
 

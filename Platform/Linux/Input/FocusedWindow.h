@@ -23,8 +23,8 @@ public:
     bool isTerminal() const;
 
     /// Waits until the application has worked off what it got so far: it answers a window manager's ping in
-    /// the order of its events. At most 1.6 s. For an application that knows no pings it
-    /// is a guess: 100 ms, more on a machine that is overloaded.
+    /// the order of its events. At most 4 s. For an application that knows no pings it is a guess: 100 ms,
+    /// more on a machine that is overloaded.
     void settle();
 
 private:
