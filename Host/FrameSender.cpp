@@ -8,8 +8,9 @@
 
 namespace velmora {
 
-FrameSender::FrameSender(std::shared_ptr<MessageConnection> connection, std::shared_ptr<DatagramFlow> flow)
-    : connection_(std::move(connection)), flow_(std::move(flow)) {}
+FrameSender::FrameSender(std::shared_ptr<MessageConnection> connection, std::shared_ptr<DatagramFlow> flow,
+                         const Queue& clock)
+    : connection_(std::move(connection)), flow_(std::move(flow)), clock_(clock) {}
 
 std::size_t FrameSender::payloadSize() const {
     const std::size_t usable = flow_->usableDatagramFrameSize().value_or(0);
@@ -23,8 +24,10 @@ std::uint32_t FrameSender::send(const Bytes& record) {
         Packets packets = VideoPackets::split(record, frame, payloadSize());
         {
             const std::lock_guard guard(lock_);
-            sentPackets_[frame] = packets;
-            sentPackets_.erase(frame - historyLength);
+            SentFrame& sent = sentFrames_[frame];
+            sent = {packets, std::vector<std::uint64_t>(packets.size()), clock_.now()};
+            for (std::uint64_t& order : sent.orders) order = ++handedOver_;
+            sentFrames_.erase(frame - historyLength);
         }
         flow_->send(std::move(packets), frame);
     } else {
@@ -36,31 +39,51 @@ std::uint32_t FrameSender::send(const Bytes& record) {
     return frame;
 }
 
-FrameSender::Packets FrameSender::packetsOf(std::uint32_t frame) const {
-    const std::lock_guard guard(lock_);
-    const auto found = sentPackets_.find(frame);
-    return found == sentPackets_.end() ? Packets() : found->second;
-}
-
 void FrameSender::sendCopy(std::uint32_t frame) {
+    Packets packets;
+    {
+        const std::lock_guard guard(lock_);
+        const auto found = sentFrames_.find(frame);
+        if (found == sentFrames_.end()) return;
+        packets = found->second.packets;
+        for (std::uint64_t& order : found->second.orders) order = ++handedOver_;
+        found->second.lastSent = clock_.now();
+    }
     // Without a tag: what is told as lost is the original.
-    if (Packets packets = packetsOf(frame); flow_ && !packets.empty()) flow_->send(std::move(packets), 0);
+    flow_->send(std::move(packets), 0);
 }
 
 bool FrameSender::resend(const Nack& nack) {
     // Behind megabytes that wait, a repair comes too late, and a viewer that never stops asking must not
     // make the queue grow for ever.
     if (!flow_ || flow_->pendingBytes() > BackPressure::Parameters().maxPendingBytes) return false;
-    const Packets packets = packetsOf(nack.frame);
+    const PathStatistics path = flow_->statistics();
+    // Datagrams leave in the order in which they were handed over, and their ends are told in about that
+    // order too: so many are not under way any more.
+    const std::uint64_t ended = path.datagramsAcked + path.datagramsLost + path.datagramsDropped;
     Packets chosen;
-    if (nack.indices.empty()) chosen = packets;
-    for (const int index : nack.indices) {
-        // One request can name a packet 65535 times.
-        if (chosen.size() == packets.size()) break;
-        const auto at = static_cast<std::size_t>(index);
-        if (at < packets.size()) chosen.push_back(packets[at]);
+    {
+        const std::lock_guard guard(lock_);
+        const auto found = sentFrames_.find(nack.frame);
+        if (found == sentFrames_.end()) return false;
+        SentFrame& sent = found->second;
+        const bool isOld = clock_.now() - sent.lastSent > longestUnderWay;
+        const auto choose = [&](std::size_t at) {
+            if (sent.orders[at] > ended && !isOld) return;
+            chosen.push_back(sent.packets[at]);
+            sent.orders[at] = ++handedOver_;
+        };
+        if (nack.indices.empty()) {
+            for (std::size_t at = 0; at < sent.packets.size(); ++at) choose(at);
+        }
+        for (const int index : nack.indices) {
+            // One request can name a packet 65535 times.
+            if (chosen.size() == sent.packets.size()) break;
+            if (const auto at = static_cast<std::size_t>(index); at < sent.packets.size()) choose(at);
+        }
+        if (chosen.empty()) return false;
+        sent.lastSent = clock_.now();
     }
-    if (chosen.empty()) return false;
     flow_->send(std::move(chosen), nack.frame);
     return true;
 }

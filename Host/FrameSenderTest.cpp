@@ -11,10 +11,12 @@
 namespace velmora {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 
 class FrameSenderTest : public testing::Test {
 protected:
+    FrameSenderTest() { flow->path.datagramsAcked = 1'000'000; }  // nothing is under way
     /// Number and indices of the packets in the newest hand-over.
     std::vector<int> newestIndices() const {
         std::vector<int> indices;
@@ -29,7 +31,7 @@ protected:
     std::shared_ptr<ScriptedStream> stream = std::make_shared<ScriptedStream>(queue);
     std::shared_ptr<MessageConnection> connection = std::make_shared<MessageConnection>(stream, queue);
     std::shared_ptr<ScriptedFlow> flow = std::make_shared<ScriptedFlow>();
-    FrameSender sender{connection, flow};
+    FrameSender sender{connection, flow, queue};
 };
 
 TEST_F(FrameSenderTest, aFrameLeavesAsOneHandOverTaggedWithItsNumberFromOne) {
@@ -101,8 +103,22 @@ TEST_F(FrameSenderTest, aCopyIsNotTakenForTheOriginal) {
     EXPECT_EQ(sender.takeStatistics().frames, 1u);
 }
 
+TEST_F(FrameSenderTest, whatIsStillUnderWayIsNotSentAgain) {
+    flow->path = {.datagramsAcked = 1, .datagramsLost = 1};
+    sender.send(Bytes(5000));
+    EXPECT_TRUE(sender.resend({.frame = 1}));
+    EXPECT_THAT(newestIndices(), ElementsAre(0, 1));
+    EXPECT_FALSE(sender.resend({.frame = 1, .indices = {0, 1, 4}})) << "nor is the repair lost yet";
+    flow->path.datagramsAcked = 5;
+    flow->path.datagramsDropped = 1;  // seven have ended: the five, and both repairs
+    EXPECT_TRUE(sender.resend({.frame = 1, .indices = {1, 4}}));
+    EXPECT_THAT(newestIndices(), ElementsAre(1, 4));
+    time.advanceBy(501ms);
+    EXPECT_TRUE(sender.resend({.frame = 1, .indices = {1}})) << "a path that tells nothing";
+}
+
 TEST_F(FrameSenderTest, withoutAFlowPicturesAreMessages) {
-    FrameSender onStream{connection, nullptr};
+    FrameSender onStream{connection, nullptr, queue};
     onStream.send(Bytes(100, 9));
     ASSERT_EQ(stream->sent.size(), 1u);
     EXPECT_EQ(stream->sent[0].size(), 105u);

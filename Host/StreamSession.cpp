@@ -10,7 +10,7 @@ StreamSession::StreamSession(AdmittedViewer viewer, Services services)
     : viewer_(std::move(viewer)),
       services_(std::move(services)),
       log_(viewer_.connection),
-      sender_(std::make_shared<FrameSender>(viewer_.connection, viewer_.videoFlow)),
+      sender_(std::make_shared<FrameSender>(viewer_.connection, viewer_.videoFlow, services_.capture)),
       input_(services_.input, std::make_shared<InputSeat>()) {
     auto pipeline =
         std::make_shared<VideoPipeline>(VideoPipeline::Services{.capture = services_.capture,

@@ -48,7 +48,7 @@ protected:
     std::shared_ptr<MessageConnection> connection = std::make_shared<MessageConnection>(stream, queue);
     std::shared_ptr<InputSeat> seat = std::make_shared<InputSeat>();
     ViewerMessages messages{{.connection = connection,
-                             .sender = std::make_shared<FrameSender>(connection, nullptr),
+                             .sender = std::make_shared<FrameSender>(connection, nullptr, queue),
                              .input = QueueRef<InputSeat>(slow, seat),
                              .cpuPercent = [] { return 0.0; }},
                             ServerSettings{},

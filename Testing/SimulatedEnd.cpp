@@ -268,6 +268,7 @@ void SimulatedEnd::sendDatagrams(std::vector<SharedBytes> datagrams, std::uint64
         if (!datagram || datagram->empty()) continue;
         if (datagram->size() > link.usableDatagramFrameSize.value_or(QUICSetup::maxDatagramFrameSize)) {
             link.oversizedDatagrams += 1;
+            flow.statistics.datagramsDropped += 1;
             continue;
         }
         flow.queuedBytes += datagram->size();

@@ -18,8 +18,9 @@ struct PathStatistics {
     std::chrono::microseconds smoothedRtt{0}, minRtt{0}, latestRtt{0};
     std::uint64_t datagramsSent = 0;  // put into packets
     std::uint64_t datagramsAcked = 0;
-    std::uint64_t datagramsLost = 0;  // declared lost; a late acknowledgement may prove some wrong
-    std::uint64_t bytesSent = 0;      // datagram payload put into packets
+    std::uint64_t datagramsLost = 0;     // declared lost; a late acknowledgement may prove some wrong
+    std::uint64_t datagramsDropped = 0;  // never sent: too large for the path
+    std::uint64_t bytesSent = 0;         // datagram payload put into packets
     std::uint64_t congestionWindow = 0;
     std::uint64_t bytesInFlight = 0;
 };

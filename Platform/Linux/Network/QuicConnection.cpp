@@ -558,7 +558,7 @@ ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_
     const QueuedDatagram& first = datagrams_.front();
     const auto usable = usableDatagramSize();
     if (!usable || first.bytes->size() > *usable) {
-        ++oversizedDatagrams_;
+        ++counts_.datagramsDropped;
         dropFrontDatagram();
         again = true;
         return 0;
@@ -574,7 +574,7 @@ ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_
         ngtcp2_conn_writev_datagram(connection_, &path, nullptr, room.data(), room.size(), &accepted,
                                     NGTCP2_WRITE_DATAGRAM_FLAG_NONE, first.tag, &bytes, 1, time);
     if (size == NGTCP2_ERR_INVALID_ARGUMENT || size == NGTCP2_ERR_INVALID_STATE) {
-        ++oversizedDatagrams_;
+        ++counts_.datagramsDropped;
         dropFrontDatagram();
         again = true;
         return 0;

@@ -127,7 +127,6 @@ public:
     /// Largest datagram that fits the path now; none if the peer takes none.
     std::optional<std::size_t> usableDatagramSize() const;
     PathStatistics statistics() const;
-    std::uint64_t oversizedDatagrams() const { return oversizedDatagrams_; }
 
 private:
     enum class Phase { open, closing, draining, gone };
@@ -188,7 +187,6 @@ private:
     std::deque<QueuedDatagram> datagrams_;
     std::size_t pendingDatagramBytes_ = 0;
     bool anchorPending_ = false;
-    std::uint64_t oversizedDatagrams_ = 0;
     PathStatistics counts_;
 };
 

@@ -266,7 +266,7 @@ TEST_F(QuicConnectionTest, neverHandsTheLibraryADatagramItCannotCarry) {
     ASSERT_EQ(viewer.datagrams.size(), 2u);
     EXPECT_EQ(viewer.datagrams[0].size(), usable);
     EXPECT_EQ(viewer.datagrams[1].size(), 1u);
-    EXPECT_EQ(host.connection->oversizedDatagrams(), 2u);
+    EXPECT_EQ(host.connection->statistics().datagramsDropped, 2u);
     EXPECT_EQ(host.connection->pendingDatagramBytes(), 0u);
 }
 
@@ -283,7 +283,7 @@ TEST_F(QuicConnectionTest, dropsDatagramsThatANarrowPathCannotCarry) {
     host.connection->queueDatagrams(std::move(mixed), 1, now);
     advanceBy(200ms);
     EXPECT_EQ(viewer.datagrams.size(), 3u);
-    EXPECT_EQ(host.connection->oversizedDatagrams(), 2u);
+    EXPECT_EQ(host.connection->statistics().datagramsDropped, 2u);
     EXPECT_EQ(host.connection->pendingDatagramBytes(), 0u);
 }
 
