@@ -1,5 +1,7 @@
 #include "Host/BackPressure.h"
 
+#include <algorithm>
+
 namespace velmora {
 
 BackPressure::Verdict BackPressure::judge(const Load& load, HostClock::time_point now) {
@@ -13,6 +15,9 @@ BackPressure::Verdict BackPressure::judge(const Load& load, HostClock::time_poin
     if (load.videoOnStream && streamBusySince_ && now - *streamBusySince_ > parameters_.maxAge) {
         return Verdict::late;
     }
+    pathDrains_ = std::max(load.pathDelay, load.pathTime) > parameters_.maxPathDelay &&
+                  load.pathBytes > parameters_.leastQueued;
+    if (pathDrains_ && now - lastTaken_ < parameters_.longestDrain) return Verdict::late;
     return Verdict::take;
 }
 

@@ -36,5 +36,22 @@ TEST(BackPressureTest, aStreamThatCarriesThePicturesIsOldOnceItHasNotBeenEmptyFo
     EXPECT_EQ(gate.judge({.streamBytes = 500}, start + 2s), Verdict::take);
 }
 
+TEST(BackPressureTest, aQueueOnThePathDrainsBeforeTheNextPictureButNotForLongerThanASecond) {
+    BackPressure gate;
+    gate.pictureTaken(start);
+    EXPECT_EQ(gate.judge({.pathDelay = 120ms, .pathBytes = 100'000}, start), Verdict::take);
+    EXPECT_EQ(gate.judge({.pathDelay = 300ms, .pathBytes = 12'000}, start), Verdict::take)
+        << "a slow answer, yet hardly anything is on its way";
+    EXPECT_FALSE(gate.pathDrains());
+
+    const BackPressure::Load queued{.pathDelay = 121ms, .pathBytes = 12'001};
+    EXPECT_EQ(gate.judge(queued, start + 999ms), Verdict::late);
+    EXPECT_TRUE(gate.pathDrains());
+    EXPECT_EQ(gate.judge(queued, start + 1s), Verdict::take);
+    gate.pictureTaken(start + 1s);
+    EXPECT_EQ(gate.judge(queued, start + 1001ms), Verdict::late);
+    EXPECT_EQ(gate.judge({}, start + 1002ms), Verdict::take);
+}
+
 }  // namespace
 }  // namespace velmora

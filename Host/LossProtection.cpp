@@ -11,12 +11,14 @@ void LossProtection::update(const PathStatistics& path, Duration delay, TimePoin
     if (!previous) return;
 
     lateSamples_ = delay > parameters_.calmDelay ? lateSamples_ + 1 : 0;
-    if (sendsTwice_ && lateSamples_ >= parameters_.lateSamples) {
+    if (lateSamples_ > 0) lastLate_ = now;
+    if (sendsTwice_ && (lateSamples_ >= parameters_.lateSamples || delay > parameters_.lateDelay)) {
         sendsTwice_ = false;
         pausesUntil_ = now + parameters_.pause;
     }
 
-    const auto lost = static_cast<double>(path.datagramsLost - before.datagramsLost);
+    const bool isRandom = !lastLate_ || now - *lastLate_ > parameters_.lossesLag;
+    const double lost = isRandom ? static_cast<double>(path.datagramsLost - before.datagramsLost) : 0;
     const auto acked = static_cast<double>(path.datagramsAcked - before.datagramsAcked);
     // Without traffic nothing is learnt, and nothing forgotten: typing resumes on the same path.
     if (lost + acked == 0) return;

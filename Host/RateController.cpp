@@ -37,13 +37,19 @@ RateController::Interval RateController::measure(const Sample& sample, TimePoint
     const auto lost = path.datagramsLost - lastPath_.datagramsLost;
 
     Interval interval;
-    interval.delay = std::max(path.smoothedRtt - leastRtt_, Duration::zero());
+    // A queue that has gone is over at once, though the smoothed round trip tells of it a while longer.
+    const Duration rtt =
+        path.latestRtt > Duration::zero() ? std::min(path.smoothedRtt, path.latestRtt) : path.smoothedRtt;
+    interval.delay = std::max(rtt - leastRtt_, Duration::zero());
     if (path.datagramsSent > 0 && span > 0) {
         const double size =
             sent > 0 ? static_cast<double>(path.bytesSent - lastPath_.bytesSent) / static_cast<double>(sent)
                      : static_cast<double>(path.bytesSent) / static_cast<double>(path.datagramsSent);
         interval.deliveredBits = static_cast<double>(acked) * size * 8 / span;
     }
+    const double queued = static_cast<double>(path.bytesInFlight) * 8;
+    interval.isFull = interval.deliveredBits > 0 && interval.delay > parameters_.severeDelay &&
+                      queued > interval.deliveredBits * secondsIn(leastRtt_ + parameters_.provenQueue);
     lostPackets_ += lost;
     countedPackets_ += lost + acked;
     if (countedPackets_ >= parameters_.leastPackets) {
@@ -71,7 +77,9 @@ void RateController::update(const Sample& sample, TimePoint now) {
         if (!isLate) forgetLateness();
 
         const Duration sinceCut = lastCut_ ? Duration(now - *lastCut_) : Duration::max();
-        const bool mayAct = sinceCut >= parameters_.holdAfterCut + leastRtt_;
+        const bool isFarTooMuch =
+            interval.isFull && interval.deliveredBits < 0.6 * static_cast<double>(rate_);
+        const bool mayAct = isFarTooMuch || sinceCut >= parameters_.holdAfterCut + leastRtt_;
         if (mayAct && (isSevere || lateSamples_ >= 2)) {
             cut(interval, sample, now);
         } else if (mayAct && interval.delay <= parameters_.calmDelay && !isLate) {
@@ -87,7 +95,8 @@ void RateController::cut(const Interval& interval, const Sample& sample, TimePoi
     const double share = std::clamp(1 - waiting, parameters_.leastShare, parameters_.lightestCut);
     const double rate = static_cast<double>(rate_);
     if (!interval.lossy && interval.deliveredBits * share > rate) return;  // it drains already
-    const double wanted = std::clamp(interval.deliveredBits * share, rate * parameters_.deepestCut,
+    const double deepest = interval.isFull ? parameters_.leastShare : 1;
+    const double wanted = std::clamp(interval.deliveredBits * share, rate * parameters_.deepestCut * deepest,
                                      rate * parameters_.lightestCut);
     carriedBefore_ = std::max(interval.deliveredBits, wanted);
     rate_ = std::min(std::max(static_cast<std::int64_t>(wanted), parameters_.floor), ceiling_);

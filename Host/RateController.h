@@ -32,6 +32,7 @@ public:
         // A large frame alone waits longer than the limit for a moment; what cannot leave holds back long.
         double lateShare = 0.25;
         Duration severeDelay{120'000};  // either: no second sample is needed
+        Duration provenQueue{60'000};  // so much is under way beyond the path: what it delivers is all it can
         double severeLoss = 0.10;
         std::uint64_t leastPackets = 50;             // to judge loss by
         double deepestCut = 0.5, lightestCut = 0.9;  // of the rate, in one step
@@ -60,11 +61,14 @@ public:
     std::int64_t bitsPerSecond() const { return rate_; }
     /// How long the path's queues made packets wait, as of the last sample.
     Duration delay() const { return delay_; }
+    /// The round trip of the path without queues; 0 until one is known.
+    Duration leastRtt() const { return leastRtt_; }
     bool isAtCeiling() const { return rate_ >= ceiling_; }
 
 private:
     struct Interval {
         double deliveredBits = 0;  // per second; 0 if unknown
+        bool isFull = false;       // the path's queue never ran dry: it cannot deliver more
         Duration delay{0};
         bool lossy = false;
     };

@@ -29,6 +29,7 @@ VideoCompressor::Configuration VideoEncoder::compressorConfiguration() const {
     return {.codec = configuration_.codec,
             .size = {configuration_.width, configuration_.height},
             .bitsPerSecond = configuration_.bitrate,
+            .burst = configuration_.burst,
             .framesPerSecond = configuration_.fps};
 }
 
@@ -91,14 +92,16 @@ void VideoEncoder::keyframeCameOut(std::uint64_t requestsAnswered) {
     if (keyframeRequests_ == requestsAnswered) forceKeyframe_ = false;
 }
 
-void VideoEncoder::setBitrate(std::int64_t bitrate) {
+void VideoEncoder::setBitrate(std::int64_t bitrate, std::chrono::milliseconds burst) {
     assertOn(captureQueue_);
-    if (!compressor_ || bitrate == configuration_.bitrate) return;
-    const std::int64_t before = std::exchange(configuration_.bitrate, bitrate);
-    if (compressor_->setBitsPerSecond(bitrate)) return;
+    if (!compressor_ || (bitrate == configuration_.bitrate && burst == configuration_.burst)) return;
+    const Configuration before = configuration_;
+    configuration_.bitrate = bitrate;
+    configuration_.burst = burst;
+    if (compressor_->setRate(bitrate, burst)) return;
     auto replacement = factory_.make(compressorConfiguration());
     if (!replacement) {
-        configuration_.bitrate = before;
+        configuration_ = before;
         hostLog("⚠︎ The encoder's bit rate could not be changed: " + replacement.error().text);
         return;
     }

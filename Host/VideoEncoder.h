@@ -42,7 +42,8 @@ public:
     struct Configuration {
         int width = 0, height = 0;  // pixels, even
         VideoCodec codec = VideoCodec::h264;
-        std::int64_t bitrate = 20'000'000;  // bit/s, as an average that is not exceeded for long
+        std::int64_t bitrate = 20'000'000;     // bit/s, as an average that is not exceeded for long
+        std::chrono::milliseconds burst{500};  // how much of it one picture may take
         int fps = 60;
     };
     /// Runs inside `encode`, as the last thing it does.
@@ -70,7 +71,7 @@ public:
 
     /// In bit/s, from the next picture. An encoder that cannot change while it runs is replaced by another,
     /// which begins with a keyframe; if there is none to be had, the old one goes on at its old rate.
-    void setBitrate(std::int64_t bitrate);
+    void setBitrate(std::int64_t bitrate, std::chrono::milliseconds burst);
 
     /// Ends the compression; nothing comes out afterwards.
     void retire();

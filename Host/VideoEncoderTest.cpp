@@ -9,6 +9,8 @@
 namespace velmora {
 namespace {
 
+using namespace std::chrono_literals;
+
 /// Takes 4 ms of virtual time for each picture, during which other threads may ask for keyframes.
 class SlowFactory final : public VideoCompressorFactory {
 public:
@@ -31,7 +33,9 @@ private:
             if (owner.meanwhile) owner.meanwhile();
             return inner->encode(picture, options);
         }
-        bool setBitsPerSecond(std::int64_t bits) override { return inner->setBitsPerSecond(bits); }
+        bool setRate(std::int64_t bits, std::chrono::milliseconds burst) override {
+            return inner->setRate(bits, burst);
+        }
         VideoCodec codec() const override { return inner->codec(); }
         bool isHardware() const override { return inner->isHardware(); }
         bool usesLowLatencyRateControl() const override { return inner->usesLowLatencyRateControl(); }
@@ -122,7 +126,7 @@ TEST_F(VideoEncoderTest, aFailedPictureLosesNeitherRequestNorDamage) {
 TEST_F(VideoEncoderTest, aNewRateKeepsTheEncoderIfItCan) {
     start();
     encodeNext();
-    encoder->setBitrate(5'000'000);
+    encoder->setBitrate(5'000'000, 500ms);
     EXPECT_EQ(compressor().configuration().bitsPerSecond, 5'000'000);
     encodeNext();
     EXPECT_EQ(keyframes(), (std::vector{true, false}));
@@ -133,17 +137,17 @@ TEST_F(VideoEncoderTest, aNewRateNeedsAnotherEncoderIfItCannot) {
     factory.fakes.behaviour.changesBitRate = false;
     start();
     encodeNext();
-    encoder->setBitrate(5'000'000);
+    encoder->setBitrate(5'000'000, 500ms);
     EXPECT_EQ(compressor().configuration().bitsPerSecond, 5'000'000);
     encodeNext();
     EXPECT_EQ(keyframes(), (std::vector{true, true}));
 
     factory.fakes.failure = Failure{"none left", -5};
-    encoder->setBitrate(6'000'000);
+    encoder->setBitrate(6'000'000, 500ms);
     encodeNext();
     EXPECT_EQ(keyframes(), (std::vector{true, true, false})) << "the old one goes on";
     factory.fakes.failure.reset();
-    encoder->setBitrate(6'000'000);
+    encoder->setBitrate(6'000'000, 500ms);
     EXPECT_EQ(compressor().configuration().bitsPerSecond, 6'000'000)
         << "tried again, though asked for before";
 }
@@ -165,7 +169,7 @@ TEST_F(VideoEncoderTest, nothingComesOutAfterRetiring) {
     encodeNext();
     encoder->retire();
     encodeNext();
-    encoder->setBitrate(1'000'000);
+    encoder->setBitrate(1'000'000, 500ms);
     EXPECT_EQ(frames.size(), 1U);
 }
 

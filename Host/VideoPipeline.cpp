@@ -33,13 +33,15 @@ VideoPipeline::~VideoPipeline() = default;
 Result<VideoPipeline::EncoderInfo> VideoPipeline::replaceEncoder(PixelSize size, bool isDynamic) {
     assertOn(queue_);
     appliedRate_ = encoderRate();
-    auto made = VideoEncoder::make(services_.compressors, queue_,
-                                   {.width = size.width,
-                                    .height = size.height,
-                                    .codec = settings_.codec,
-                                    .bitrate = appliedRate_,
-                                    .fps = ServerSettings::fps},
-                                   [this](const EncodedFrame& frame) { handleEncoded(frame); });
+    auto made =
+        VideoEncoder::make(services_.compressors, queue_,
+                           {.width = size.width,
+                            .height = size.height,
+                            .codec = settings_.codec,
+                            .bitrate = appliedRate_,
+                            .burst = appliedNarrow_ ? parameters_.burstOnNarrowPath : parameters_.burst,
+                            .fps = ServerSettings::fps},
+                           [this](const EncodedFrame& frame) { handleEncoded(frame); });
     if (!made) return Failure{made.error().text, made.error().status};
     encoder_ = std::move(made).value();
     encoderSize_ = size;
@@ -116,11 +118,30 @@ void VideoPipeline::forgetPicture() {
 
 // Back-pressure
 
+BackPressure::Load VideoPipeline::load() const {
+    BackPressure::Load load = sender_.load();
+    const auto ownTrip = rate_.leastRtt();
+    const auto path = sender_.pathStatistics();
+    if (path && ownTrip > ownTrip.zero()) {
+        load.pathDelay = std::max(path->latestRtt - ownTrip, std::chrono::microseconds::zero());
+        const auto held = static_cast<std::uint64_t>(static_cast<double>(rate_.bitsPerSecond()) / 8 *
+                                                     std::chrono::duration<double>(ownTrip).count());
+        load.pathBytes = path->bytesInFlight - std::min(path->bytesInFlight, held);
+        // At the ceiling the path may carry far more.
+        if (!rate_.isAtCeiling()) {
+            load.pathTime = std::chrono::microseconds(static_cast<std::int64_t>(load.pathBytes) * 8'000'000 /
+                                                      rate_.bitsPerSecond());
+        }
+    }
+    return load;
+}
+
 ScreenCapture::Admission VideoPipeline::admit() {
-    const BackPressure::Load load = sender_.load();
+    const BackPressure::Load load = this->load();
     worstAge_ = std::max(worstAge_, load.flowAge);
     switch (backPressure_.judge(load, queue_.now())) {
         case BackPressure::Verdict::take:
+            backPressure_.pictureTaken(queue_.now());
             captureWaits_ = false;
             endHoldingBack(queue_.now());
             return ScreenCapture::Admission::take;
@@ -131,13 +152,14 @@ ScreenCapture::Admission VideoPipeline::admit() {
             break;
     }
     captureWaits_ = true;
-    if (!heldBackSince_) heldBackSince_ = queue_.now();
+    // A queue on the path tells of itself by its delay, and while it drains the rate is not what is wrong.
+    if (!heldBackSince_ && !backPressure_.pathDrains()) heldBackSince_ = queue_.now();
     armGate();
     return ScreenCapture::Admission::putOff;
 }
 
 bool VideoPipeline::gateIsOpen() {
-    return backPressure_.judge(sender_.load(), queue_.now()) == BackPressure::Verdict::take;
+    return backPressure_.judge(load(), queue_.now()) == BackPressure::Verdict::take;
 }
 
 void VideoPipeline::armGate() {
@@ -314,15 +336,17 @@ double VideoPipeline::takeHeldBackShare(TimePoint now) {
 
 void VideoPipeline::applyRate() {
     const std::int64_t wanted = encoderRate();
-    if (!encoder_ || wanted == appliedRate_) return;
+    const bool isNarrow = !rate_.isAtCeiling();
+    if (!encoder_ || (wanted == appliedRate_ && isNarrow == appliedNarrow_)) return;
     const double change =
         std::abs(static_cast<double>(wanted - appliedRate_)) / static_cast<double>(appliedRate_);
     // Software HEVC cannot change while it runs: the encoder begins anew, and with a keyframe.
     const bool restarts = encoder_->codec() == VideoCodec::hevc && !encoder_->isHardware();
     const bool isSmall = change < (restarts ? parameters_.restartStep : parameters_.rateStep);
-    if (isSmall && !rate_.isAtCeiling()) return;
+    if (isSmall && isNarrow && appliedNarrow_) return;
     appliedRate_ = wanted;
-    encoder_->setBitrate(wanted);
+    appliedNarrow_ = isNarrow;
+    encoder_->setBitrate(wanted, isNarrow ? parameters_.burstOnNarrowPath : parameters_.burst);
 }
 
 void VideoPipeline::scheduleCopy(std::uint32_t frame) {
@@ -333,7 +357,8 @@ void VideoPipeline::scheduleCopy(std::uint32_t frame) {
 void VideoPipeline::sendDueCopies() {
     const TimePoint now = queue_.now();
     while (!copies_.empty() && copies_.front().first <= now) {
-        sender_.sendCopy(copies_.front().second);
+        // Behind bytes that wait it would only make the next picture late.
+        if (gateIsOpen()) sender_.sendCopy(copies_.front().second);
         copies_.pop_front();
     }
     if (!copies_.empty()) copyTimer_ = queue_.after(copies_.front().first - now, [this] { sendDueCopies(); });

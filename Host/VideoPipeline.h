@@ -34,6 +34,10 @@ public:
         std::chrono::milliseconds restAfter{1'000};   // without frames there is nothing to learn of the path
         double rateStep = 0.04;                       // smaller changes are not worth a new rate control
         double restartStep = 0.25;                    // worth a keyframe
+        // How much of the rate one picture may take: where the path is wider than the rate it costs nothing;
+        // where the path sets the rate, so long does everything wait behind it, and a viewer gives up a frame
+        // of which no more than a part has come within 250 ms.
+        std::chrono::milliseconds burst{500}, burstOnNarrowPath{80};
     };
     /// All outlive the pipeline, but `connection` and `sender`, which are shared.
     struct Services {
@@ -85,6 +89,7 @@ public:
 private:
     using TimePoint = HostClock::time_point;
 
+    BackPressure::Load load() const;
     ScreenCapture::Admission admit();
     bool gateIsOpen();
     void reopenGate();
@@ -138,6 +143,7 @@ private:
     LossProtection protection_;
     std::int64_t viewerMaxMbps_ = 0;
     std::int64_t appliedRate_ = 0;
+    bool appliedNarrow_ = false;
     TimePoint lastSent_{};
     TimerToken rateTimer_;
     std::deque<std::pair<TimePoint, std::uint32_t>> copies_;

@@ -43,9 +43,9 @@ private:
             if (compressed) compressed->meanQuantizer = owner.quantizer;
             return compressed;
         }
-        bool setBitsPerSecond(std::int64_t bits) override {
+        bool setRate(std::int64_t bits, std::chrono::milliseconds burst) override {
             owner.bitrates.push_back(bits);
-            return fake->setBitsPerSecond(bits);
+            return fake->setRate(bits, burst);
         }
         VideoCodec codec() const override { return fake->codec(); }
         bool isHardware() const override { return fake->isHardware(); }
@@ -69,7 +69,7 @@ protected:
 
     void makePipeline(const std::shared_ptr<ScriptedFlow>& over) {
         settings.codec = VideoCodec::h264;
-        sender = std::make_shared<FrameSender>(connection, over);
+        sender = std::make_shared<FrameSender>(connection, over, queue);
         pipeline = std::make_shared<VideoPipeline>(VideoPipeline::Services{.capture = queue,
                                                                            .captures = screen,
                                                                            .compressors = compressors,

@@ -34,6 +34,9 @@ public:
         VideoCodec codec = VideoCodec::h264;
         PixelSize size;  // even
         std::int64_t bitsPerSecond = 20'000'000;
+        /// How much of it may come at once, with a keyframe or after a pause: over a path that carries just
+        /// this rate a picture takes so long. At least some frame intervals.
+        std::chrono::milliseconds burst{500};
         int framesPerSecond = 60;
     };
     struct Options {
@@ -53,7 +56,7 @@ public:
 
     virtual Result<CompressedPicture> encode(const Picture& picture, const Options& options) = 0;
     /// Takes effect from the next picture. False if the running encoder cannot change: make a new one.
-    virtual bool setBitsPerSecond(std::int64_t bitsPerSecond) = 0;
+    virtual bool setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) = 0;
     /// The codec really used, which may not be the one asked for.
     virtual VideoCodec codec() const = 0;
     virtual bool isHardware() const = 0;

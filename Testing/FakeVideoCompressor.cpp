@@ -62,7 +62,7 @@ std::uint32_t checkOf(ByteView data) {
 FakeVideoCompressor::FakeVideoCompressor(const Configuration& configuration, const Behaviour& behaviour)
     : configuration_(configuration),
       behaviour_(behaviour),
-      allowance_(static_cast<double>(configuration.bitsPerSecond) / 16),
+      allowance_(largestAllowance()),
       rowShift_(static_cast<std::size_t>(configuration.size.height), coarsestShift) {}
 
 Bytes FakeVideoCompressor::codeWhole(const Picture& picture, int shift) const {
@@ -113,7 +113,7 @@ Result<CompressedPicture> FakeVideoCompressor::encode(const Picture& picture, co
     if (picture.size != configuration_.size) return Failure{"a picture of another size"};
     const double perFrame =
         static_cast<double>(configuration_.bitsPerSecond) / 8 / configuration_.framesPerSecond;
-    allowance_ = std::min(allowance_ + perFrame, static_cast<double>(configuration_.bitsPerSecond) / 16);
+    allowance_ = std::min(allowance_ + perFrame, largestAllowance());
     const auto budget = static_cast<std::size_t>(std::max(allowance_ * 0.75, 0.0));
     const bool key = options.forceKeyframe || number_ == 0;
     const PixelRect everything{0, 0, picture.size.width, picture.size.height};
@@ -149,10 +149,17 @@ Result<CompressedPicture> FakeVideoCompressor::encode(const Picture& picture, co
     return compressed;
 }
 
-bool FakeVideoCompressor::setBitsPerSecond(std::int64_t bitsPerSecond) {
+bool FakeVideoCompressor::setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) {
     if (!behaviour_.changesBitRate) return false;
     configuration_.bitsPerSecond = bitsPerSecond;
+    configuration_.burst = burst;
     return true;
+}
+
+/// In bytes.
+double FakeVideoCompressor::largestAllowance() const {
+    return static_cast<double>(configuration_.bitsPerSecond) / 8 *
+           std::chrono::duration<double>(configuration_.burst).count();
 }
 
 /// (VPS,) SPS with the size, PPS.

@@ -27,7 +27,7 @@ public:
     FakeVideoCompressor(const Configuration& configuration, const Behaviour& behaviour);
 
     Result<CompressedPicture> encode(const Picture& picture, const Options& options) override;
-    bool setBitsPerSecond(std::int64_t bitsPerSecond) override;
+    bool setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) override;
     VideoCodec codec() const override { return behaviour_.codec.value_or(configuration_.codec); }
     bool isHardware() const override { return behaviour_.isHardware; }
     bool usesLowLatencyRateControl() const override { return behaviour_.usesLowLatencyRateControl; }
@@ -49,6 +49,7 @@ private:
     void sharpen(const Picture& picture, Bytes& out, std::size_t budget);
     void noteShift(const PixelRect& rect, int shift);
     std::vector<Bytes> parameterSets() const;
+    double largestAllowance() const;
 
     Configuration configuration_;
     const Behaviour behaviour_;

@@ -16,6 +16,8 @@
 namespace velmora {
 namespace {
 
+using namespace std::chrono_literals;
+
 using Configuration = VideoCompressor::Configuration;
 using Kind = DesktopScene::Kind;
 
@@ -178,7 +180,7 @@ TEST_P(VideoCodecContract, anyKeyframeStartsAViewerThatJoinsLate) {
 
 TEST_P(VideoCodecContract, keepsToItsRateAndFollowsAChange) {
     if (!GetParam().changesBitRate) {
-        EXPECT_FALSE(compressor->setBitsPerSecond(1'000'000));
+        EXPECT_FALSE(compressor->setRate(1'000'000, 500ms));
         return;
     }
     unsigned seed = 0;
@@ -187,15 +189,15 @@ TEST_P(VideoCodecContract, keepsToItsRateAndFollowsAChange) {
         for (int i = 0; i < 30; ++i) bytes += encodeWhole(noise(size, ++seed)).data.size();
         return static_cast<double>(bytes) * 8 / static_cast<double>(bits);
     };
-    ASSERT_TRUE(compressor->setBitsPerSecond(6'000'000));
+    ASSERT_TRUE(compressor->setRate(6'000'000, 500ms));
     EXPECT_LT(secondAt(6'000'000), 1.6);
     EXPECT_LT(secondAt(6'000'000), 1.5);
-    ASSERT_TRUE(compressor->setBitsPerSecond(1'500'000));
+    ASSERT_TRUE(compressor->setRate(1'500'000, 500ms));
     secondAt(1'500'000);  // the buffer filled at the higher rate may still run down
     const double low = secondAt(1'500'000);
     EXPECT_LT(low, 1.5);
     EXPECT_GT(low, 0.3);
-    ASSERT_TRUE(compressor->setBitsPerSecond(6'000'000));
+    ASSERT_TRUE(compressor->setRate(6'000'000, 500ms));
     secondAt(6'000'000);
     EXPECT_GT(secondAt(1'500'000), 2 * low) << "stayed low";
 }

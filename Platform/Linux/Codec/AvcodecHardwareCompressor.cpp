@@ -48,10 +48,11 @@ Settings settingsFor(Interface interface, bool lowLatency) {
     return {};
 }
 
-void setRate(AVCodecContext& context, std::int64_t bitsPerSecond) {
+void enterRate(AVCodecContext& context, std::int64_t bitsPerSecond, std::chrono::milliseconds burst) {
     context.bit_rate = bitsPerSecond;
     context.rc_max_rate = bitsPerSecond;
-    context.rc_buffer_size = static_cast<int>(std::min<std::int64_t>(bitsPerSecond / 2, INT32_MAX));
+    context.rc_buffer_size =
+        static_cast<int>(std::min<std::int64_t>(bitsPerSecond * burst.count() / 1000, INT32_MAX));
 }
 
 Failure failure(const std::string& name, std::string_view what, int code) {
@@ -95,7 +96,7 @@ Status AvcodecHardwareCompressor::openContext(const std::string& device, const C
     context_->colorspace = AVCOL_SPC_BT709;
     context_->color_range = AVCOL_RANGE_MPEG;
     context_->pix_fmt = AV_PIX_FMT_NV12;
-    setRate(*context_, configuration.bitsPerSecond);
+    enterRate(*context_, configuration.bitsPerSecond, configuration.burst);
     for (const auto& [key, value] : settingsFor(interface_, mode == Mode::lowLatency)) {
         const int code = av_opt_set(context_->priv_data, key, value, 0);
         if (code < 0 && mode == Mode::lowLatency) return failure(name_, key, code);
@@ -177,9 +178,9 @@ Result<CompressedPicture> AvcodecHardwareCompressor::takePacket() {
     return *std::move(compressed);
 }
 
-bool AvcodecHardwareCompressor::setBitsPerSecond(std::int64_t bitsPerSecond) {
+bool AvcodecHardwareCompressor::setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) {
     if (interface_ != Interface::nvenc) return false;
-    setRate(*context_, bitsPerSecond);
+    enterRate(*context_, bitsPerSecond, burst);
     return true;
 }
 

@@ -23,7 +23,7 @@ public:
     /// `damage` and `refine` make no difference to these encoders.
     Result<CompressedPicture> encode(const Picture& picture, const Options& options) override;
     /// NVENC alone changes its rate while it runs.
-    bool setBitsPerSecond(std::int64_t bitsPerSecond) override;
+    bool setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) override;
     VideoCodec codec() const override { return codec_; }
     bool isHardware() const override { return true; }
     bool usesLowLatencyRateControl() const override { return lowLatency_; }

@@ -39,10 +39,11 @@ int framesPerSecond(const VideoCompressor::Configuration& configuration) {
     return std::clamp(configuration.framesPerSecond, 1, 240);
 }
 
-void setRate(x264_param_t& parameters, std::int64_t bitsPerSecond) {
+void enterRate(x264_param_t& parameters, std::int64_t bitsPerSecond, std::chrono::milliseconds burst) {
     const auto kilobits = static_cast<int>(std::clamp<std::int64_t>(bitsPerSecond / 1000, 50, 1'000'000));
     parameters.rc.i_vbv_max_bitrate = kilobits;
-    parameters.rc.i_vbv_buffer_size = kilobits / 2;
+    parameters.rc.i_vbv_buffer_size =
+        std::max(static_cast<int>(std::int64_t{kilobits} * burst.count() / 1000), 1);
 }
 
 void setColour(x264_param_t& parameters) {
@@ -58,6 +59,7 @@ X264Compressor::X264Compressor(const Configuration& configuration)
     : size_(configuration.size),
       interval_(1.0 / framesPerSecond(configuration)),
       bitsPerSecond_(configuration.bitsPerSecond),
+      burst_(configuration.burst),
       quality_(size_) {}
 
 X264Compressor::~X264Compressor() {
@@ -100,7 +102,7 @@ Result<std::unique_ptr<VideoCompressor>> X264Compressor::open(const Configuratio
     parameters.rc.f_qcompress = 1;  // the same quantiser however busy the picture
     parameters.rc.f_ip_factor = 1;
     parameters.analyse.b_mb_info = 1;
-    setRate(parameters, configuration.bitsPerSecond);
+    enterRate(parameters, configuration.bitsPerSecond, configuration.burst);
     setColour(parameters);
     if (x264_param_apply_profile(&parameters, "high") != 0) return self->failure("profile refused");
     self->encoder_ = x264_encoder_open(&parameters);
@@ -166,26 +168,27 @@ Result<CompressedPicture> X264Compressor::encode(const Picture& picture, const O
 
 /// The library's bucket of bits fills by the picture, not by the clock. A picture may be said to stand for
 /// two or three intervals, though, as in pulled-down film; nothing of that is written into the stream. A
-/// pause is made up for over the next few pictures, up to the half second that the bucket holds.
+/// pause is made up for over the next few pictures, up to what the bucket holds.
 int X264Compressor::pictureStructure(const Options& options) {
-    const double half = 0.5 / interval_.count();
+    const double bucket = burst_ / interval_;
     owedIntervals_ += options.sinceLast ? std::chrono::duration<double>(*options.sinceLast) / interval_ : 1.0;
     const double told = std::clamp(std::round(owedIntervals_), 1.0, 3.0);
-    owedIntervals_ = std::clamp(owedIntervals_ - told, -1.0, half);
+    owedIntervals_ = std::clamp(owedIntervals_ - told, -1.0, bucket);
     return told == 1 ? PIC_STRUCT_PROGRESSIVE : told == 2 ? PIC_STRUCT_DOUBLE : PIC_STRUCT_TRIPLE;
 }
 
 bool X264Compressor::hasRateToSpare() const {
     if (nextTime_ > 0) return lastQuantizer_ <= keyframeQuantizer;
     // A page of dense text takes two and a half bits a pixel.
-    return bitsPerSecond_ / 2 >= std::int64_t{size_.width} * size_.height * 4;
+    return bitsPerSecond_ * burst_.count() / 1000 >= std::int64_t{size_.width} * size_.height * 4;
 }
 
-bool X264Compressor::setBitsPerSecond(std::int64_t bitsPerSecond) {
+bool X264Compressor::setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) {
     bitsPerSecond_ = bitsPerSecond;
+    burst_ = burst;
     x264_param_t parameters;
     x264_encoder_parameters(encoder_, &parameters);
-    setRate(parameters, bitsPerSecond);
+    enterRate(parameters, bitsPerSecond, burst);
     return x264_encoder_reconfig(encoder_, &parameters) == 0;
 }
 

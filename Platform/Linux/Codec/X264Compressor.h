@@ -25,7 +25,7 @@ public:
     X264Compressor& operator=(const X264Compressor&) = delete;
 
     Result<CompressedPicture> encode(const Picture& picture, const Options& options) override;
-    bool setBitsPerSecond(std::int64_t bitsPerSecond) override;
+    bool setRate(std::int64_t bitsPerSecond, std::chrono::milliseconds burst) override;
     VideoCodec codec() const override { return VideoCodec::h264; }
     bool isHardware() const override { return false; }
     bool usesLowLatencyRateControl() const override { return true; }
@@ -42,6 +42,7 @@ private:
     const PixelSize size_;
     const std::chrono::duration<double> interval_;
     std::int64_t bitsPerSecond_;
+    std::chrono::milliseconds burst_;
     x264_t* encoder_ = nullptr;
     std::vector<Bytes> parameterSets_;
     BlockQuality quality_;

@@ -10,6 +10,8 @@
 namespace velmora {
 namespace {
 
+using namespace std::chrono_literals;
+
 using std::chrono::milliseconds;
 
 constexpr PixelSize size{320, 192};
@@ -85,11 +87,11 @@ TEST_F(X264CompressorTest, tellsHowCoarseThePictureStands) {
     encode(scene.view(), {});
     const auto sharp = encode(scene.view(), {.refine = true});
     EXPECT_LE(*sharp.meanQuantizer, 16) << "the scheduler of repeats stops there";
-    compressor->setBitsPerSecond(300'000);
+    compressor->setRate(300'000, 500ms);
     bitsOf(20, milliseconds(17));
     const auto coarse = encode(noise(0), {.damage = {&everything, 1}});
     EXPECT_GT(*coarse.meanQuantizer, 25);
-    compressor->setBitsPerSecond(20'000'000);
+    compressor->setRate(20'000'000, 500ms);
     const PixelRect corner{0, 0, 16, 16};
     EXPECT_GT(*encode(noise(0), {.damage = {&corner, 1}}).meanQuantizer, 25)
         << "one fine block is no sharp picture";

@@ -11,12 +11,13 @@ namespace {
 constexpr int minSide = 32, maxSide = 8192;
 constexpr double heldQuantizer = 18;
 
-void setRate(x265_param& parameters, std::int64_t bitsPerSecond) {
+void enterRate(x265_param& parameters, std::int64_t bitsPerSecond, std::chrono::milliseconds burst) {
     const auto kilobits = static_cast<int>(std::clamp<std::int64_t>(bitsPerSecond / 1000, 50, 1'000'000));
     parameters.rc.rateControlMode = X265_RC_CRF;  // quality held, rate limited, as for H.264
     parameters.rc.rfConstant = heldQuantizer;
     parameters.rc.vbvMaxBitrate = kilobits;
-    parameters.rc.vbvBufferSize = kilobits / 2;
+    parameters.rc.vbvBufferSize =
+        std::max(static_cast<int>(std::int64_t{kilobits} * burst.count() / 1000), 1);
 }
 
 void setTuning(x265_param& parameters) {
@@ -66,7 +67,7 @@ Result<std::unique_ptr<VideoCompressor>> X265Compressor::open(const Configuratio
     parameters.fpsNum = static_cast<std::uint32_t>(std::clamp(configuration.framesPerSecond, 1, 240));
     parameters.fpsDenom = 1;
     setTuning(parameters);
-    setRate(parameters, configuration.bitsPerSecond);
+    enterRate(parameters, configuration.bitsPerSecond, configuration.burst);
     self->encoder_ = x265_encoder_open(&parameters);
     self->in_ = x265_picture_alloc();
     self->out_ = x265_picture_alloc();

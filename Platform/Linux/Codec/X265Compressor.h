@@ -25,7 +25,7 @@ public:
     /// `damage` and `refine` make no difference: the library cannot be told.
     Result<CompressedPicture> encode(const Picture& picture, const Options& options) override;
     /// Always false: libx265 3.5 accepts a new rate and goes on at the old one.
-    bool setBitsPerSecond(std::int64_t) override { return false; }
+    bool setRate(std::int64_t, std::chrono::milliseconds) override { return false; }
     VideoCodec codec() const override { return VideoCodec::hevc; }
     bool isHardware() const override { return false; }
     bool usesLowLatencyRateControl() const override { return true; }
