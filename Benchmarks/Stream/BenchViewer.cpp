@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <sstream>
 #include <utility>
 
 #include "Benchmarks/Stream/ScreenLoad.h"
@@ -16,6 +18,15 @@
 namespace velmora {
 
 using namespace std::chrono_literals;
+
+/// The row for the statistics file has what no other figure tells.
+int keyframesIn(const std::string& row) {
+    constexpr int column = 8;
+    std::istringstream cells(row);
+    std::string cell;
+    for (int i = 0; i <= column; ++i) std::getline(cells, cell, ',');
+    return std::atoi(cell.c_str());
+}
 
 /// A viewer's, by address alone: what the network costs shall not change the figures.
 struct BenchViewer::Services {
@@ -42,6 +53,7 @@ struct BenchViewer::Shared {
     std::condition_variable changed;
     std::vector<Seen> seen;
     std::uint64_t decoded = 0;
+    Repairs repairs;
     std::optional<HostClock::time_point> first;
     std::string error;
 
@@ -78,6 +90,11 @@ std::optional<std::chrono::duration<double>> BenchViewer::connect(std::uint16_t 
         connection_ = std::make_unique<ViewerConnection>(options, services_->viewer(), services_->main,
                                                          services_->client);
         connection_->onDecodedFrame = [shared = shared_](const DecodedFrame& frame) { shared->add(frame); };
+        connection_->onStats = [shared = shared_](const ViewerStats::Snapshot& second) {
+            std::lock_guard lock(shared->mutex);
+            shared->repairs.requests += second.resendRequests;
+            shared->repairs.keyframes += keyframesIn(second.csvRow);
+        };
         connection_->onEnded = [shared = shared_](const ConnectionError& error) {
             std::lock_guard lock(shared->mutex);
             shared->error = error.title;
@@ -108,6 +125,11 @@ void BenchViewer::close() {
 std::vector<BenchViewer::Seen> BenchViewer::take() {
     std::lock_guard lock(shared_->mutex);
     return std::exchange(shared_->seen, {});
+}
+
+BenchViewer::Repairs BenchViewer::repairs() const {
+    std::lock_guard lock(shared_->mutex);
+    return shared_->repairs;
 }
 
 std::uint64_t BenchViewer::framesDecoded() const {

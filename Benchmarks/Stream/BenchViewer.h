@@ -32,6 +32,12 @@ public:
     /// The pictures that showed a change, since the last call.
     std::vector<Seen> take();
     std::uint64_t framesDecoded() const;
+    /// Since the viewer began, as of the last full second.
+    struct Repairs {
+        int requests = 0;   // for packets to be sent again
+        int keyframes = 0;  // the first one too
+    };
+    Repairs repairs() const;
 
 private:
     struct Services;

@@ -193,7 +193,11 @@ bool loss(const Settings& settings) {
     bench.load().start(ScreenLoad::Kind::scroll);
     std::this_thread::sleep_for(2s);
     const Meter meter(bench);
+    const auto before = bench.viewer.repairs();
     row("2 % loss, 40 ms", meter, bench.watch(settings.seconds));
+    const auto after = bench.viewer.repairs();
+    fmt::print("  asked for packets {} times, {} keyframes\n", after.requests - before.requests,
+               after.keyframes - before.keyframes);
     return true;
 }
 
