@@ -39,12 +39,12 @@ TEST(BackPressureTest, aStreamThatCarriesThePicturesIsOldOnceItHasNotBeenEmptyFo
 TEST(BackPressureTest, aQueueOnThePathDrainsBeforeTheNextPictureButNotForLongerThanASecond) {
     BackPressure gate;
     gate.pictureTaken(start);
-    EXPECT_EQ(gate.judge({.pathDelay = 120ms, .pathBytes = 100'000}, start), Verdict::take);
+    EXPECT_EQ(gate.judge({.pathDelay = 80ms, .pathBytes = 100'000}, start), Verdict::take);
     EXPECT_EQ(gate.judge({.pathDelay = 300ms, .pathBytes = 12'000}, start), Verdict::take)
         << "a slow answer, yet hardly anything is on its way";
     EXPECT_FALSE(gate.pathDrains());
 
-    const BackPressure::Load queued{.pathDelay = 121ms, .pathBytes = 12'001};
+    const BackPressure::Load queued{.pathDelay = 81ms, .pathBytes = 12'001};
     EXPECT_EQ(gate.judge(queued, start + 999ms), Verdict::late);
     EXPECT_TRUE(gate.pathDrains());
     EXPECT_EQ(gate.judge(queued, start + 1s), Verdict::take);

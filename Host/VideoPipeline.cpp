@@ -127,8 +127,8 @@ BackPressure::Load VideoPipeline::load() const {
         const auto held = static_cast<std::uint64_t>(static_cast<double>(rate_.bitsPerSecond()) / 8 *
                                                      std::chrono::duration<double>(ownTrip).count());
         load.pathBytes = path->bytesInFlight - std::min(path->bytesInFlight, held);
-        // At the ceiling the path may carry far more.
-        if (!rate_.isAtCeiling()) {
+        // Where the setting is the limit the path may carry far more.
+        if (pathSetsRate()) {
             load.pathTime = std::chrono::microseconds(static_cast<std::int64_t>(load.pathBytes) * 8'000'000 /
                                                       rate_.bitsPerSecond());
         }
@@ -297,6 +297,11 @@ void VideoPipeline::limitRateTo(std::int64_t mbps) {
     applyRate();
 }
 
+/// As far as we found out, or the viewer did.
+bool VideoPipeline::pathSetsRate() const {
+    return rate_.bitsPerSecond() < bitsOf(settings_.bitrateMbps);
+}
+
 std::int64_t VideoPipeline::encoderRate() const {
     return protection_.sendsTwice() ? rate_.bitsPerSecond() / 2 : rate_.bitsPerSecond();
 }
@@ -336,14 +341,14 @@ double VideoPipeline::takeHeldBackShare(TimePoint now) {
 
 void VideoPipeline::applyRate() {
     const std::int64_t wanted = encoderRate();
-    const bool isNarrow = !rate_.isAtCeiling();
+    const bool isNarrow = pathSetsRate();
     if (!encoder_ || (wanted == appliedRate_ && isNarrow == appliedNarrow_)) return;
     const double change =
         std::abs(static_cast<double>(wanted - appliedRate_)) / static_cast<double>(appliedRate_);
     // Software HEVC cannot change while it runs: the encoder begins anew, and with a keyframe.
     const bool restarts = encoder_->codec() == VideoCodec::hevc && !encoder_->isHardware();
     const bool isSmall = change < (restarts ? parameters_.restartStep : parameters_.rateStep);
-    if (isSmall && isNarrow && appliedNarrow_) return;
+    if (isSmall && !rate_.isAtCeiling() && (restarts || isNarrow == appliedNarrow_)) return;
     appliedRate_ = wanted;
     appliedNarrow_ = isNarrow;
     encoder_->setBitrate(wanted, isNarrow ? parameters_.burstOnNarrowPath : parameters_.burst);

@@ -107,6 +107,7 @@ private:
     void endHoldingBack(TimePoint now);
     void armRate();
     void applyRate();
+    bool pathSetsRate() const;
     std::int64_t encoderRate() const;
     void scheduleCopy(std::uint32_t frame);
     void sendDueCopies();

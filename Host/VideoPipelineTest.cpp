@@ -33,6 +33,7 @@ public:
     FakeVideoCompressorFactory fakes;
     std::optional<double> quantizer = 12;
     std::vector<std::int64_t> bitrates;  // every one that was set
+    std::chrono::milliseconds lastBurst{0};
 
 private:
     struct Claiming final : VideoCompressor {
@@ -45,6 +46,7 @@ private:
         }
         bool setRate(std::int64_t bits, std::chrono::milliseconds burst) override {
             owner.bitrates.push_back(bits);
+            owner.lastBurst = burst;
             return fake->setRate(bits, burst);
         }
         VideoCodec codec() const override { return fake->codec(); }
@@ -341,9 +343,10 @@ TEST_F(VideoPipelineTest, aLatePathLowersTheRateWhilePicturesMove) {
         flow->path.datagramsSent += 10;
         flow->path.datagramsAcked += 10;
         flow->path.bytesSent += 10'000;
-        flow->path.smoothedRtt = frame < 20 ? 20ms : 90ms;
+        flow->path.latestRtt = flow->path.smoothedRtt = frame < 20 ? 20ms : 90ms;
     }
     EXPECT_LT(compressors.bitrates.back(), 15'000'000);
+    EXPECT_LE(compressors.lastBurst, 100ms) << "what comes behind a large picture would be late";
 }
 
 TEST_F(VideoPipelineTest, onALossyPathEveryFrameGoesTwiceAtHalfTheRate) {
