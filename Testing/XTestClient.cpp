@@ -1,5 +1,6 @@
 #include "Testing/XTestClient.h"
 
+#include <poll.h>
 #include <sys/uio.h>
 #include <xcb/xcbext.h>
 
@@ -54,6 +55,28 @@ void XTestClient::movePointerTo(int x, int y) {
     xcb_warp_pointer(connection_, XCB_NONE, root_, 0, 0, 0, 0, static_cast<std::int16_t>(x),
                      static_cast<std::int16_t>(y));
     sync();
+}
+
+bool XTestClient::hasWindowManager() {
+    // What a manager announces when it starts, it announces before it listens: a window of ours has to try.
+    const auto window = xcb_generate_id(connection_);
+    xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window, root_, 0, 0, 1, 1, 0,
+                      XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, 0, nullptr);
+    xcb_map_window(connection_, window);
+    bool isManaged = false;
+    for (int looks = 0; looks < 50 && !isManaged; ++looks) {
+        const Reply<xcb_get_property_reply_t> state(
+            xcb_get_property_reply(
+                connection_,
+                xcb_get_property(connection_, 0, window, atom("WM_STATE"), XCB_GET_PROPERTY_TYPE_ANY, 0, 1),
+                nullptr),
+            std::free);
+        isManaged = state && state->type != 0;
+        if (!isManaged) poll(nullptr, 0, 10);
+    }
+    xcb_destroy_window(connection_, window);
+    sync();
+    return isManaged;
 }
 
 bool XTestClient::setOutput(const std::string& name, const PixelRect& rect) {

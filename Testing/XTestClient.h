@@ -36,6 +36,9 @@ public:
     };
     void fill(const std::vector<Stroke>& strokes);
     void movePointerTo(int x, int y);
+    /// Whether a window manager takes up a window: one that is there too early may never be shown. Ask until
+    /// it does.
+    bool hasWindowManager();
 
     /// Gives `output` ("DUMMY3", Xvfb's "screen") a mode of the rectangle's size at its place, and grows or
     /// shrinks the root window to what the active outputs span.

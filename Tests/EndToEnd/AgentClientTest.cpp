@@ -23,6 +23,7 @@ protected:
 TEST_F(AgentClientTest, theOfficialClientLibraryRunsTheWholeCatalogue) {
     ASSERT_NO_FATAL_FAILURE(startServer());
     const auto manager = startOnScreen({"openbox", "--sm-disable"});
+    ASSERT_TRUE(eventually([&] { return screen().hasWindowManager(); }, within(20)));
     installWriter();
     const auto host = startHost();
     const auto client =
@@ -30,7 +31,7 @@ TEST_F(AgentClientTest, theOfficialClientLibraryRunsTheWholeCatalogue) {
                        "AGENT_HOME=" + homeOf("agent").string(), "WRITTEN=" + written().string(),
                        "TASK_WINDOW=" TASK_WINDOW, "VELMORA_PROGRAM=" VELMORA_PROGRAM, "node", AGENT_CLIENT});
     EXPECT_EQ(client->end(within(200)), 0);
-    EXPECT_TRUE(client->says("all 17 steps are done", 1, within(0))) << client->said();
+    EXPECT_TRUE(client->says("all 18 steps are done", 1, within(0))) << client->said();
 }
 
 }  // namespace

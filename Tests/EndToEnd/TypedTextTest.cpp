@@ -39,7 +39,7 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(server_.ok()) << server_.error();
         windowManager_ = start({"openbox", "--sm-disable"});
-        ASSERT_TRUE(windowManager_ && holds([&] { return managesWindows(); }));
+        ASSERT_TRUE(windowManager_ && holds([&] { return client_.hasWindowManager(); }));
         ASSERT_TRUE(runs({"setxkbmap", "-layout", GetParam().layout}));
         const std::string name = GetParam().application;
         if (name == "xterm") {
@@ -60,22 +60,6 @@ protected:
                         "DBUS_SESSION_BUS_ADDRESS=disabled:", "GTK_IM_MODULE=none", "XMODIFIERS",
                         "HOME=" + (folder_ / "").string()});
         return program ? std::move(*program) : nullptr;
-    }
-    /// A window that is there before its manager does not get the keyboard.
-    bool managesWindows() {
-        static constexpr std::string_view name = "_NET_SUPPORTING_WM_CHECK";
-        xcb_connection_t* connection = client_.connection();
-        const std::unique_ptr<xcb_intern_atom_reply_t, void (*)(void*)> atom(
-            xcb_intern_atom_reply(connection, xcb_intern_atom(connection, 0, name.size(), name.data()),
-                                  nullptr),
-            std::free);
-        if (!atom) return false;
-        const std::unique_ptr<xcb_get_property_reply_t, void (*)(void*)> property(
-            xcb_get_property_reply(
-                connection,
-                xcb_get_property(connection, 0, client_.root(), atom->atom, XCB_ATOM_WINDOW, 0, 1), nullptr),
-            std::free);
-        return property && property->type != 0;
     }
     bool runs(const std::vector<std::string>& arguments) {
         const auto program = start(arguments);

@@ -9,14 +9,16 @@
 //   {"show":"menu","menu":,"item":}                    a menu's item to choose
 //   {"show":"dialog","by":"click" or a key}            a dialog to open by its button, and to confirm
 //   {"show":"motion","seconds":}                       movement that ends
+//   {"show":"copy"}                                    a picture that it copies
 //   {"show":"text"}                                    text of 8 pixels
 //   {"ask":true}                                       how it stands
-// What is to be acted on first is magenta, what comes after it cyan, and all is green once it is done. It
+// What is to be acted on first is magenta, what comes after it orange, and all is green once it is done. It
 // answers with one JSON object to a line: {"shown":}, {"right":true}, {"wrong":"why"},
 // {"rested":microseconds}, {"holds":}.
 
 #include <unistd.h>
 #include <QApplication>
+#include <QClipboard>
 #include <QDialog>
 #include <QElapsedTimer>
 #include <QJsonDocument>
@@ -42,7 +44,7 @@
 
 namespace {
 
-const QColor first(255, 0, 255), second(0, 200, 255), finished(0, 160, 60), paper(235, 235, 228);
+const QColor first(255, 0, 255), second(255, 128, 0), finished(0, 160, 60), paper(235, 235, 228);
 
 void say(const QJsonObject& object) {
     std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
@@ -235,6 +237,7 @@ private:
         judge_->onRight = nullptr;
         if (kind == "shortcut") watchFor(task["keys"].toString());
         if (kind == "menu") fillMenus(task["menu"].toInt(), task["item"].toInt());
+        if (kind == "copy") QApplication::clipboard()->setPixmap(swatch(first).pixmap(16, 16));
         if (kind == "dialog") offerDialog(task["by"].toString());
     }
 

@@ -64,7 +64,7 @@ function sizeOf(jpeg) {
 
 async function eventually(condition, what) {
   const end = Date.now() + within(20);
-  while (!condition()) {
+  while (!(await condition())) {
     assert.ok(Date.now() < end, `in vain: ${what}`);
     await new Promise((resolve) => setTimeout(resolve, 20)); // between two looks
   }
@@ -169,6 +169,21 @@ const steps = {
       await does(['shortcut', { keys }], `Pressed ${combo}`, 'key', { combo });
     }
     await bridge.fails(/^Unknown key\. Use names like return,/, 'key', { combo: 'cmd+é' });
+  },
+  async 'the clipboard, both ways'() {
+    await bridge.says('Nothing copied on the remote Mac yet in this session. Select something there and press cmd+c first.', 'get_clipboard');
+    await tasks.show(['field', { text: 'never', start: 'Größe, copied' }]);
+    await bridge.says('Pressed cmd+a', 'key', { combo: 'cmd+a' });
+    await bridge.says('Pressed cmd+c', 'key', { combo: 'cmd+c' });
+    await eventually(async () => (await bridge.call('get_clipboard')).text === 'Größe, copied', 'what was copied');
+    await tasks.show(['copy']);
+    const isPicture = (image) => image?.mimeType === 'image/png' && Buffer.from(image.data, 'base64').subarray(1, 4).toString() === 'PNG';
+    await eventually(async () => isPicture((await bridge.call('get_clipboard')).image), 'the picture that was copied');
+    const text = '¡pasted!\n你好';
+    await tasks.show(['field', { text }]);
+    await bridge.says('The remote clipboard holds 11 characters; press cmd+v there to paste', 'set_clipboard', { text });
+    await bridge.says('Pressed cmd+v', 'key', { combo: 'cmd+v' });
+    await tasks.wasRight('a text that is pasted');
   },
   async opening() {
     await tasks.show(['target', { x: 5, y: 5, size: 8 }]);
