@@ -76,12 +76,16 @@ bool scrollTo(Desktop& desktop, Observations& seen, int line) {
 }
 
 bool typeIn(Desktop& desktop, const std::string& layout, const std::string& text) {
-    if (!desktop.useLayout(layout)) return false;
-    desktop.call("wait", {{"timeout", 1.1}});  // a host looks at its layout once a second
+    const auto use = [&](const std::string& name) {
+        if (!desktop.useLayout(name)) return false;
+        desktop.call("wait", {{"timeout", 1.1}});  // a host looks at its layout once a second
+        return true;
+    };
+    if (!use(layout)) return false;
     desktop.show("field", {{"text", text}});
     desktop.call("type", {{"text", text}});
     const bool isRight = desktop.isRight();
-    return desktop.useLayout("us") && isRight;
+    return use("us") && isRight;
 }
 
 /// "+word" is typed, all else is pressed.
