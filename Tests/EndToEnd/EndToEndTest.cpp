@@ -36,7 +36,7 @@ void EndToEndTest::moveDisplayRight() {
 std::unique_ptr<RunningProgram> EndToEndTest::launchHost(const std::optional<std::string>& display) {
     return std::make_unique<RunningProgram>(
         std::vector<std::string>{VELMORA_PROGRAM},
-        RunningProgram::Place{.home = homeOf("host"), .display = display});
+        RunningProgram::Place{.home = homeOf("host"), .display = display, .rendezvous = rendezvous});
 }
 
 std::unique_ptr<RunningProgram> EndToEndTest::startHost() {

@@ -41,6 +41,8 @@ protected:
     std::unique_ptr<RunningProgram> launchHost(const std::optional<std::string>& display);
     std::string password;  // of the host
     std::string hostLine;  // that tells its ID and password
+    std::string hostId() const { return hostLine.substr(std::string("Host ID ").size(), 11); }
+    std::string rendezvous = RunningProgram::Place().rendezvous;  // of a host that is started from now on
     void readHostLine(const RunningProgram& host);
 
     /// A viewer that connects and ends when it has seen a resting picture.

@@ -112,6 +112,12 @@ table ip gone {
 END
 )";
 
+constexpr const char* forget = R"(
+router() { nsenter --net="/proc/$viewerRouter/ns/net" "$@"; }
+router nft insert rule ip home outgoing oifname wan meta l4proto udp masquerade to :40000-49999
+router conntrack -D -p udp >/dev/null 2>&1
+)";
+
 std::string networkOf(const std::string& process) {
     std::array<char, PATH_MAX> target{};
     const ssize_t size =
@@ -155,6 +161,10 @@ void HomeNetworks::blockDirectPaths() {
 
 void HomeNetworks::moveViewersPorts() {
     if (error_.empty()) error_ = run(move);
+}
+
+void HomeNetworks::forgetViewersPorts() {
+    if (error_.empty()) error_ = run(forget);
 }
 
 /// Empty, or that it failed; the shell has said why.

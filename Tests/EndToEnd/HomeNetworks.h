@@ -39,6 +39,8 @@ public:
     /// The viewer's router loses all that it knew and takes ports below 50000, and those that it used before
     /// lead nowhere any more.
     void moveViewersPorts();
+    /// The viewer's router forgets what UDP it let out, and nothing else, and takes ports below 50000 for it.
+    void forgetViewersPorts();
 
 private:
     using Namespace = std::unique_ptr<ChildProgram>;  // of a process that does nothing but live in it

@@ -49,7 +49,6 @@ protected:
     void connect() {
         call("connect", fmt::format(R"({{"host_id":"{}","password":"{}"}})", hostId(), password));
     }
-    std::string hostId() const { return hostLine.substr(std::string("Host ID ").size(), 11); }
     /// The agent says so, and its picture is that of the host.
     bool isConnectedVia(const std::string& path) {
         const std::string words = fmt::format("Connected to {} via {}, screen 1280×800", hostId(), path);
@@ -99,6 +98,28 @@ TEST_F(Paths, goesOnWhenTheViewersRouterTakesAnotherPort) {
     };
     EXPECT_TRUE(eventually(isGreen, within(15)));
     EXPECT_TRUE(viewer->isRunning());
+}
+
+TEST_F(Paths, aHostsRouterThatTakesTheNewPortForAStrangersIsOpenedOnceMore) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    if (IsSkipped()) return;
+    const auto viewer =
+        launch(Place::viewer, {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
+               {.home = homeOf("viewer"), .takesLines = true});
+    ASSERT_TRUE(does(*viewer, "wait 0"));
+    homes->forgetViewersPorts();
+    ASSERT_EQ(homes->error(), "");
+    EXPECT_TRUE(
+        viewer->says("Nothing heard from the host; our public address: 203.0.113.2:4", 1, within(20)));
+    viewer->tell("change 20");
+    std::uint32_t color = 0;
+    EXPECT_TRUE(eventually(
+        [&] {
+            screen().fill(display(), color ^= 0xFFFFFF);
+            return viewer->says("ok change 20", 1, std::chrono::milliseconds(0));
+        },
+        within(20)))
+        << viewer->said();
 }
 
 TEST_F(Paths, theRelayServesWhereNothingElseDoes) {
