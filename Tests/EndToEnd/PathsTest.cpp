@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
-#include <csignal>
+#include <chrono>
+#include <iostream>
 #include <optional>
 
 #include "Tests/EndToEnd/EndToEndTest.h"
@@ -47,12 +48,15 @@ protected:
             ++calls, tool, arguments));
     }
     void connect() {
+        asked = std::chrono::steady_clock::now();
         call("connect", fmt::format(R"({{"host_id":"{}","password":"{}"}})", hostId(), password));
     }
     /// The agent says so, and its picture is that of the host.
     bool isConnectedVia(const std::string& path) {
         const std::string words = fmt::format("Connected to {} via {}, screen 1280×800", hostId(), path);
         if (!agent->says(words, 1, within(20))) return false;
+        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - asked;
+        std::cout << fmt::format("{}: first picture after {:.2f} s\n", path, taken.count());
         call("screenshot");
         return agent->says(
             R"("mimeType":"image/jpeg"},{"type":"text","text":"1280×800 px"}],"isError":false)", 1,
@@ -62,6 +66,7 @@ protected:
     std::optional<HomeNetworks> homes;
     std::unique_ptr<RunningProgram> service, host, agent;
     int calls = 0;
+    std::chrono::steady_clock::time_point asked;
 };
 
 TEST_F(Paths, atOneHomeTheLocalOneIsTaken) {
