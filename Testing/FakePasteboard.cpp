@@ -50,13 +50,13 @@ void FakePasteboard::readTypes(Types done) {
 }
 
 void FakePasteboard::read(const std::string& type, std::size_t most, Reading done) {
-    Result<Bytes, Lack> outcome = Lack{};
-    const auto item = std::ranges::find(items_, type, &PasteboardItem::type);
-    if (item != items_.end() && !isSilent) {
-        outcome = item->data;
-        if (item->data.size() > most) outcome = Lack{.tooLong = item->data.size()};
-    }
-    answer([done = std::move(done), outcome = std::move(outcome)]() mutable { done(std::move(outcome)); });
+    const auto contents = [&]() -> Result<Bytes, Lack> {
+        const auto item = std::ranges::find(items_, type, &PasteboardItem::type);
+        if (item == items_.end() || isSilent) return Lack{};
+        if (item->data.size() > most) return Lack{.tooLong = item->data.size()};
+        return item->data;
+    };
+    answer([done = std::move(done), outcome = contents()]() mutable { done(std::move(outcome)); });
 }
 
 void FakePasteboard::readFiles(Files done) {
