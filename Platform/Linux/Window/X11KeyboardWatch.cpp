@@ -1,4 +1,4 @@
-#include "Platform/Linux/EventLoop/X11KeyboardWatch.h"
+#include "Platform/Linux/Window/X11KeyboardWatch.h"
 
 #include <xcb/xcb.h>
 
