@@ -196,6 +196,7 @@ private:
             while (step()) {
             }
             reader_->giveUpAll();
+            handOver();
         } else {
             hostLog(fmt::format("⚠︎ The clipboard is not shared: {}", status.error().text));
         }
@@ -228,6 +229,17 @@ private:
                                               XCB_XFIXES_SELECTION_EVENT_MASK_SELECTION_WINDOW_DESTROY |
                                               XCB_XFIXES_SELECTION_EVENT_MASK_SELECTION_CLIENT_CLOSE);
         return Done{};
+    }
+
+    /// Has the desktop's clipboard manager, if one runs, keep what we hold: it would end with us.
+    void handOver() {
+        manager_ = atoms_->of("CLIPBOARD_MANAGER");
+        if (!owner_->items() || !owner_->askToSave(manager_)) return;
+        const auto end = HostClock::now() + parameters_.handOver;
+        while (!isHandedOver_ && !connection_->isBroken() && HostClock::now() < end) {
+            while (const auto event = connection_->pollEvent()) dispatch(*event);
+            if (!isHandedOver_) waiter_.wait(*connection_, end - HostClock::now());
+        }
     }
 
     /// One round: what is asked, what is overdue, what has arrived, and the wait for more.
@@ -266,6 +278,7 @@ private:
         }
         switch (type) {
             case XCB_SELECTION_NOTIFY:
+                if (as<xcb_selection_notify_event_t>(event).selection == manager_) isHandedOver_ = true;
                 return reader_->handle(as<xcb_selection_notify_event_t>(event), now);
             case XCB_SELECTION_REQUEST:
                 return owner_->handle(as<xcb_selection_request_event_t>(event), now);
@@ -291,6 +304,8 @@ private:
     // Of the thread.
     std::unique_ptr<XConnection> connection_;
     int selectionEvent_ = 0;
+    xcb_atom_t manager_ = XCB_ATOM_NONE;  // set at the end
+    bool isHandedOver_ = false;
     std::optional<XAtoms> atoms_;
     std::optional<XSelectionReader> reader_;
     std::optional<XSelectionOwner> owner_;

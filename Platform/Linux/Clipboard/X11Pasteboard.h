@@ -19,11 +19,13 @@ public:
     struct Parameters {
         XSelectionReader::Parameters reader;
         XSelectionOwner::Parameters owner;
+        /// For a clipboard manager to take what we hold, while somebody waits for our end.
+        HostClock::duration handOver = std::chrono::seconds(1);
     };
     /// `display` such as ":0"; empty means what DISPLAY says. `main` outlives the pasteboard.
     explicit X11Pasteboard(Queue& main, std::string display = {});
     X11Pasteboard(Queue& main, std::string display, const Parameters& parameters);
-    /// What was written is gone.
+    /// What was written is gone, unless a clipboard manager keeps it.
     ~X11Pasteboard() override;
 
     std::int64_t changeCount() override;

@@ -13,6 +13,7 @@ XSelectionOwner::XSelectionOwner(const XConnection& connection, XAtoms& atoms, x
       timestamp_(atoms.of("TIMESTAMP")),
       atomPair_(atoms.of("ATOM_PAIR")),
       incremental_(atoms.of("INCR")),
+      saveTargets_(atoms.of("SAVE_TARGETS")),
       parameters_(parameters),
       window_(xcb_generate_id(connection)) {
     xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window_, connection_.root(), 0, 0, 1, 1, 0,
@@ -41,6 +42,17 @@ void XSelectionOwner::offer(std::vector<Item> items) {
 
 void XSelectionOwner::handleTaken(xcb_timestamp_t time) {
     if (current_) current_->since = time;
+}
+
+bool XSelectionOwner::askToSave(xcb_atom_t manager) {
+    const auto reply =
+        connection_.reply(xcb_get_selection_owner_reply, xcb_get_selection_owner(connection_, manager));
+    if (!reply || reply->owner == XCB_NONE || !current_) return false;
+    std::vector<xcb_atom_t> all;
+    for (const Item& item : current_->items) all.push_back(item.target);
+    put(window_, saveTargets_, XCB_ATOM_ATOM, all);
+    xcb_convert_selection(connection_, window_, manager, saveTargets_, saveTargets_, XCB_CURRENT_TIME);
+    return true;
 }
 
 void XSelectionOwner::handle(const xcb_selection_clear_event_t&) {

@@ -44,6 +44,10 @@ public:
     /// The server's word, in the order of its events, that the last offer took the selection then.
     void handleTaken(xcb_timestamp_t time);
 
+    /// Asks the owner of that other selection to save what is offered (the freedesktop clipboard manager's
+    /// protocol); it answers with a SelectionNotify. False if there is none.
+    bool askToSave(xcb_atom_t manager);
+
     void handle(const xcb_selection_request_event_t& event, HostClock::time_point now);
     void handle(const xcb_selection_clear_event_t& event);
     void handle(const xcb_property_notify_event_t& event, HostClock::time_point now);
@@ -74,7 +78,7 @@ private:
              const std::vector<T>& values) const;
 
     const XConnection& connection_;
-    const xcb_atom_t selection_, targets_, multiple_, timestamp_, atomPair_, incremental_;
+    const xcb_atom_t selection_, targets_, multiple_, timestamp_, atomPair_, incremental_, saveTargets_;
     const Parameters parameters_;
     const xcb_window_t window_;
     std::optional<Offer> current_;
