@@ -77,11 +77,10 @@ public:
     Result<Bytes, Fault> run() {
         archive_write_set_format_zip(zip_.get());
         archive_write_set_bytes_in_last_block(zip_.get(), 1);  // no padding
-        auto outcome = writeAll();
-        if (!outcome) {
-            archive_write_fail(zip_.get());
-            return output_.isFull ? Fault::tooLarge : outcome.error();
-        }
+        const auto outcome = writeAll();
+        // The end of the archive is written all the same: giving one up (archive_write_fail) leaks its
+        // buffer.
+        if (!outcome) return output_.isFull ? Fault::tooLarge : outcome.error();
         return std::move(output_.bytes);
     }
 
