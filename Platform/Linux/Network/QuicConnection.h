@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Linux/Network/DatagramLedger.h"
 #include "Platform/Linux/Network/PacketBatch.h"
 #include "Platform/Linux/Network/QuicTls.h"
 #include "Platform/Linux/Network/SocketAddress.h"
@@ -42,7 +43,8 @@ public:
         std::uint64_t maxStreams = 4;            // that a viewer may open
         Bytes firstToken;             // a viewer's; ours keep none, others bring back what they got
         bool anchorDatagrams = true;  // off only to show what happens then
-        std::chrono::milliseconds maxLinger{1'000};  // how long a closed connection still answers
+        std::chrono::milliseconds lossIsCertain{1'000};  // and two round trips: no acknowledgement comes now
+        std::chrono::milliseconds maxLinger{1'000};      // how long a closed connection still answers
     };
 
     /// Why a connection is over. `clean`: either side closed with code 0.
@@ -163,6 +165,8 @@ private:
     ngtcp2_ssize writeDatagram(std::span<std::uint8_t> room, ngtcp2_path& path, ngtcp2_tstamp time,
                                bool& again);
     void dropFrontDatagram();
+    void settleOverdueDatagrams(TimePoint now);
+    void tellLost(std::uint64_t tag);
     bool becomeReady();
 
     const std::shared_ptr<const QuicTls> tls_;
@@ -187,6 +191,8 @@ private:
     std::deque<QueuedDatagram> datagrams_;
     std::size_t pendingDatagramBytes_ = 0;
     bool anchorPending_ = false;
+    DatagramLedger sentDatagrams_;
+    bool pathIsAlive_ = false;  // something of ours has been acknowledged by the packet being read
     PathStatistics counts_;
 };
 

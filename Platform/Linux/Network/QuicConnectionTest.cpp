@@ -220,6 +220,27 @@ TEST_F(QuicConnectionTest, carriesVideoForMinutesOverALossyPath) {
     EXPECT_NEAR(static_cast<double>(statistics.minRtt.count()), 40'000, 2'000);
 }
 
+TEST_F(QuicConnectionTest, whatAnOutageTookIsToldWhenItIsOver) {
+    beginReady();
+    const auto stream = viewer.connection->openStream().value();
+    drops = [](const End&, ByteView) { return true; };
+    host.connection->queueDatagrams(datagramsOf(3, 1100), 1, now);
+    advanceBy(50ms);
+    host.connection->queueDatagrams(datagramsOf(1, 100), 2, now);
+    for (int second = 0; second < 3; ++second) {
+        viewer.connection->sendOnStream(stream, bytesOf("ping"));
+        advanceBy(1s);
+    }
+    drops = nullptr;
+    for (int second = 0; second < 3; ++second) {
+        viewer.connection->sendOnStream(stream, bytesOf("ping"));
+        advanceBy(100ms);
+        host.connection->sendOnStream(stream, bytesOf("pong"));
+        advanceBy(900ms);
+    }
+    EXPECT_EQ(host.lostTags, (std::vector<std::uint64_t>{1, 1, 1, 2}));
+}
+
 TEST_F(QuicConnectionTest, streamsGoAheadOfQueuedDatagrams) {
     beginReady();
     const auto stream = viewer.connection->openStream().value();
