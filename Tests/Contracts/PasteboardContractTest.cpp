@@ -351,8 +351,9 @@ void settle(X11Pasteboard& pasteboard, PumpedQueue& main) {
 TEST(X11PasteboardTest, severalTargetsAreGivenAtOnceUnderAllTheNamesOfText) {
     const XServerFixture server(XServerFixture::Kind::xvfb);
     PumpedQueue main;
+    const BareClient client(
+        server.display());  // before a thread of ours connects: libXau is not made for two
     X11Pasteboard pasteboard(main, server.display(), patient);
-    const BareClient client(server.display());
     pasteboard.write({{Type::text, bytesOf("\u00e9")}, {"text/html", {'h'}}});
     settle(pasteboard, main);
     std::vector<xcb_atom_t> pairs;
