@@ -203,16 +203,27 @@ bool decodeAs(const Json& object, const std::string& type, std::optional<Any>& i
     return true;
 }
 
+/// The object of a message, which has a "type"; null if `text` is no message.
+Json objectIn(std::string_view text) {
+    if (text.size() > longestMessage) return nullptr;
+    Json object = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+    if (!object.is_object()) return nullptr;
+    const auto type = object.find("type");
+    return type != object.end() && type->is_string() ? std::move(object) : Json();
+}
+
+template <class... Messages>
+bool isTypeOfAny(const std::string& type, std::type_identity<std::variant<Messages...>>) {
+    return ((type == Messages::type) || ...);
+}
+
 template <class... Messages>
 std::optional<std::variant<Messages...>> decodeAny(std::string_view text,
                                                    std::type_identity<std::variant<Messages...>>) {
     std::optional<std::variant<Messages...>> decoded;
-    if (text.size() > longestMessage) return decoded;
-    const Json object = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
-    if (!object.is_object()) return decoded;
-    const auto type = object.find("type");
-    if (type == object.end() || !type->is_string()) return decoded;
-    (decodeAs<Messages>(object, type->get_ref<const std::string&>(), decoded) || ...);
+    const Json object = objectIn(text);
+    if (object.is_null()) return decoded;
+    (decodeAs<Messages>(object, object["type"].get_ref<const std::string&>(), decoded) || ...);
     return decoded;
 }
 
@@ -237,6 +248,12 @@ std::optional<FromClient> decodeFromClient(std::string_view text) {
 
 std::optional<ToClient> decodeToClient(std::string_view text) {
     return decodeAny(text, std::type_identity<ToClient>{});
+}
+
+bool isOfUnknownType(std::string_view text) {
+    const Json object = objectIn(text);
+    if (object.is_null()) return false;
+    return !isTypeOfAny(object["type"].get_ref<const std::string&>(), std::type_identity<FromClient>{});
 }
 
 }  // namespace velmora::rendezvous

@@ -195,5 +195,7 @@ std::string encode(const ToClient& message);
 /// None: too long, not a JSON object, no "type", an unknown one, or something required is missing.
 std::optional<FromClient> decodeFromClient(std::string_view text);
 std::optional<ToClient> decodeToClient(std::string_view text);
+/// Whether it is a message, if of a type that no client of this version sends.
+bool isOfUnknownType(std::string_view text);
 
 }  // namespace velmora::rendezvous
