@@ -1,9 +1,14 @@
 #include "Agent/MCPServer.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "VelmoraKit/Core/Base64.h"
 #include "VelmoraKit/Core/Utf8.h"
@@ -54,25 +59,21 @@ OrderedJson errorReply(const OrderedJson& id, int code, const std::string& messa
     return {{"jsonrpc", "2.0"}, {"id", id}, {"error", {{"code", code}, {"message", message}}}};
 }
 
-OrderedJson blockOf(const ToolContent& content) {
-    const auto picture = [&](const char* type) -> OrderedJson {
-        return {{"type", "image"}, {"data", base64Of(content.image)}, {"mimeType", type}};
-    };
-    switch (content.kind) {
-        case ToolContent::Kind::text:
-            return {{"type", "text"}, {"text", content.text}};
-        case ToolContent::Kind::jpeg:
-            return picture("image/jpeg");
-        case ToolContent::Kind::png:
-            return picture("image/png");
-    }
-    return OrderedJson::object();
+std::string textOf(const OrderedJson& json) {
+    return json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
 }
 
-OrderedJson resultOf(const ToolAnswer& answer) {
-    OrderedJson content = OrderedJson::array();
-    for (const ToolContent& piece : answer.content) content.push_back(blockOf(piece));
-    return {{"content", std::move(content)}, {"isError", answer.isError}};
+/// A picture may be a megabyte of base64, in which nothing needs escaping: it is not looked at again.
+std::string blockOf(const ToolContent& content) {
+    if (content.kind == ToolContent::Kind::text) return textOf({{"type", "text"}, {"text", content.text}});
+    const char* type = content.kind == ToolContent::Kind::png ? "image/png" : "image/jpeg";
+    return fmt::format(R"({{"type":"image","data":"{}","mimeType":"{}"}})", base64Of(content.image), type);
+}
+
+std::string resultOf(const ToolAnswer& answer) {
+    std::vector<std::string> blocks;
+    for (const ToolContent& piece : answer.content) blocks.push_back(blockOf(piece));
+    return fmt::format(R"({{"content":[{}],"isError":{}}})", fmt::join(blocks, ","), answer.isError);
 }
 
 }  // namespace
@@ -107,9 +108,9 @@ void MCPServer::handle(const Json& message) {
     const auto method = named->get<std::string>();
     const Json params = objectIn(message, "params");
 
-    if (method == "initialize") return reply(message, initializeResult(params));
-    if (method == "ping") return reply(message, OrderedJson::object());
-    if (method == "tools/list") return reply(message, {{"tools", tools_.catalogue()}});
+    if (method == "initialize") return reply(message, textOf(initializeResult(params)));
+    if (method == "ping") return reply(message, "{}");
+    if (method == "tools/list") return reply(message, textOf({{"tools", tools_.catalogue()}}));
     if (method == "tools/call") {
         return tools_.call(stringIn(params, "name"), objectIn(params, "arguments"), answerTo(message));
     }
@@ -135,14 +136,14 @@ ToolBox::Done MCPServer::answerTo(const Json& message) {
 }
 
 /// To a request; a notification, which has no id, gets none. A null is an id.
-void MCPServer::reply(const Json& message, OrderedJson result) {
+void MCPServer::reply(const Json& message, const std::string& result) {
     const auto id = message.find("id");
     if (id == message.end()) return;
-    write({{"jsonrpc", "2.0"}, {"id", OrderedJson(*id)}, {"result", std::move(result)}});
+    writeLine_(fmt::format(R"({{"jsonrpc":"2.0","id":{},"result":{}}})", textOf(OrderedJson(*id)), result));
 }
 
 void MCPServer::write(const OrderedJson& reply) {
-    writeLine_(reply.dump(-1, ' ', false, OrderedJson::error_handler_t::replace));
+    writeLine_(textOf(reply));
 }
 
 }  // namespace velmora

@@ -39,7 +39,7 @@ private:
     /// Answers a tool when it is done.
     ToolBox::Done answerTo(const nlohmann::json& message);
     void write(const nlohmann::ordered_json& reply);
-    void reply(const nlohmann::json& message, nlohmann::ordered_json result);
+    void reply(const nlohmann::json& message, const std::string& result);  // as JSON
 
     ToolBox& tools_;
     Queue& main_;

@@ -8,16 +8,18 @@ constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmno
 }  // namespace
 
 std::string base64Of(ByteView bytes) {
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const auto at = [&](std::size_t k) -> std::uint32_t { return k < bytes.size() ? bytes[k] : 0; };
-        const std::uint32_t group = at(i) << 16 | at(i + 1) << 8 | at(i + 2);
-        text += alphabet[group >> 18];
-        text += alphabet[group >> 12 & 63];
-        text += i + 1 < bytes.size() ? alphabet[group >> 6 & 63] : '=';
-        text += i + 2 < bytes.size() ? alphabet[group & 63] : '=';
-    }
+    std::string text((bytes.size() + 2) / 3 * 4, '=');
+    char* out = text.data();
+    const auto write = [&](std::uint32_t group, int digits) {
+        for (int i = 0; i < digits; ++i) out[i] = alphabet[group >> (18 - 6 * i) & 63];
+        out += 4;
+    };
+    const std::size_t whole = bytes.size() / 3 * 3;
+    for (std::size_t i = 0; i < whole; i += 3)
+        write(std::uint32_t{bytes[i]} << 16 | std::uint32_t{bytes[i + 1]} << 8 | bytes[i + 2], 4);
+    if (bytes.size() - whole == 1) write(std::uint32_t{bytes[whole]} << 16, 2);
+    if (bytes.size() - whole == 2)
+        write(std::uint32_t{bytes[whole]} << 16 | std::uint32_t{bytes[whole + 1]} << 8, 3);
     return text;
 }
 
