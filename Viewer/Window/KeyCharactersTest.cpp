@@ -1,20 +1,21 @@
 #include "Viewer/Window/KeyCharacters.h"
 
-#include <gtest/gtest.h>
-
 #include "Platform/EventPoster.h"
+#include "Viewer/Window/WidgetTest.h"
 
 namespace velmora {
 namespace {
 
 constexpr quint32 lock = 2;  // of X11
 
+using KeyCharactersTest = WidgetTest;
+
 QKeyEvent pressOf(int key, const QString& text, Qt::KeyboardModifiers modifiers = {}, quint32 native = 0,
                   quint32 evdev = 30) {
     return QKeyEvent(QEvent::KeyPress, key, modifiers, evdev + 8, 0, native, text);
 }
 
-TEST(KeyCharactersTest, aKeyStandsForItsTextWithoutModifiers) {
+TEST_F(KeyCharactersTest, aKeyStandsForItsTextWithoutModifiers) {
     struct Case {
         const char* what;
         QKeyEvent event;
@@ -49,7 +50,7 @@ TEST(KeyCharactersTest, aKeyStandsForItsTextWithoutModifiers) {
     }
 }
 
-TEST(KeyCharactersTest, aDeadKeyBecomesOneCharacterWithTheNext) {
+TEST_F(KeyCharactersTest, aDeadKeyBecomesOneCharacterWithTheNext) {
     const QKeyEvent acute = pressOf(Qt::Key_Dead_Acute, ""), tilde = pressOf(Qt::Key_Dead_Tilde, "");
     const QKeyEvent e = pressOf(Qt::Key_E, "e"), b = pressOf(Qt::Key_B, "b"), o = pressOf(Qt::Key_O, "o");
     const QKeyEvent shift = pressOf(Qt::Key_Shift, ""), bigE = pressOf(Qt::Key_E, "E", Qt::ShiftModifier);
@@ -79,7 +80,7 @@ TEST(KeyCharactersTest, aDeadKeyBecomesOneCharacterWithTheNext) {
     }
 }
 
-TEST(KeyCharactersTest, keysHaveTheCodeOfTheirPlaceAndModifiersOfTheTimeBefore) {
+TEST_F(KeyCharactersTest, keysHaveTheCodeOfTheirPlaceAndModifiersOfTheTimeBefore) {
     const auto keypad = Qt::KeypadModifier;
     EXPECT_EQ(keyCodeOf(pressOf(Qt::Key_Q, "q", {}, 0, 16)), 0x0C);
     EXPECT_EQ(keyCodeOf(pressOf(Qt::Key_7, "7", keypad, 0, 71)), 0x59);
