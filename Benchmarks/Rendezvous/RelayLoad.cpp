@@ -155,7 +155,8 @@ struct Flow {
 Flow flood(const RelayProcess& relay, Pairs& pairs, std::size_t run, std::optional<double> bitRate,
            std::chrono::duration<double> length) {
     std::atomic<bool> over = false;
-    std::uint64_t offered = 0, delivered = 0;
+    std::uint64_t offered = 0;
+    std::atomic<std::uint64_t> delivered = 0;
     std::thread receiver([&] {
         std::vector<pollfd> readable;
         for (const auto& pair : pairs) readable.push_back({pair->viewer.descriptor(), POLLIN, 0});
@@ -170,6 +171,8 @@ Flow flood(const RelayProcess& relay, Pairs& pairs, std::size_t run, std::option
             }
         }
     });
+    std::this_thread::sleep_for(300ms);  // what an earlier flood left on its way
+    delivered = 0;
     const Bytes bytes(datagramBytes * run, 'd');
     const double cpuBefore = relay.use().cpuSeconds;
     const auto start = HostClock::now();

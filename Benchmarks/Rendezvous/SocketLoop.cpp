@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -51,9 +52,10 @@ void SocketLoop::runFor(std::chrono::microseconds limit, const std::function<boo
     const auto deadline = HostClock::now() + limit;
     std::array<epoll_event, 256> events;
     for (;;) {
-        const auto rest = std::chrono::floor<std::chrono::milliseconds>(deadline - HostClock::now()).count();
-        const int wait = static_cast<int>(std::max<std::int64_t>(rest, 0));
-        const int count = epoll_wait(epoll_, events.data(), events.size(), wait);
+        // To the microsecond: milliseconds, rounded down, would spin and take the service's core.
+        const auto rest = std::max<std::int64_t>((deadline - HostClock::now()).count(), 0);
+        const timespec wait{.tv_sec = rest / 1'000'000, .tv_nsec = rest % 1'000'000 * 1'000};
+        const int count = epoll_pwait2(epoll_, events.data(), events.size(), &wait, nullptr);
         for (int i = 0; i < count; ++i) {
             const auto found = connections_.find(events[i].data.fd);
             if (found != connections_.end()) found->second->handle(events[i].events);
