@@ -25,13 +25,15 @@ TEST_F(AgentClientTest, theOfficialClientLibraryRunsTheWholeCatalogue) {
     const auto manager = startOnScreen({"openbox", "--sm-disable"});
     ASSERT_TRUE(eventually([&] { return screen().hasWindowManager(); }, within(20)));
     installWriter();
+    const auto service = startRendezvous();
     const auto host = startHost();
-    const auto client =
-        startOnScreen({"env", "ADDRESS=127.0.0.1", "PASSWORD=" + password,
-                       "AGENT_HOME=" + homeOf("agent").string(), "WRITTEN=" + written().string(),
-                       "TASK_WINDOW=" TASK_WINDOW, "VELMORA_PROGRAM=" VELMORA_PROGRAM, "node", AGENT_CLIENT});
+    ASSERT_TRUE(isRegistered(*host)) << host->said() << service->said();
+    const auto client = startOnScreen(
+        {"env", "VELMORA_SIGNALING=" + rendezvous, "ADDRESS=127.0.0.1", "HOST_ID=" + hostId(),
+         "PASSWORD=" + password, "AGENT_HOME=" + homeOf("agent").string(), "WRITTEN=" + written().string(),
+         "TASK_WINDOW=" TASK_WINDOW, "VELMORA_PROGRAM=" VELMORA_PROGRAM, "node", AGENT_CLIENT});
     EXPECT_EQ(client->end(within(200)), 0);
-    EXPECT_TRUE(client->says("all 18 steps are done", 1, within(0))) << client->said();
+    EXPECT_TRUE(client->says("all 19 steps are done", 1, within(0))) << client->said();
 }
 
 }  // namespace

@@ -46,6 +46,17 @@ std::unique_ptr<RunningProgram> EndToEndTest::startHost() {
     return host;
 }
 
+std::unique_ptr<RunningProgram> EndToEndTest::startRendezvous() {
+    const std::string listen = "127.0.0.1:8470";
+    rendezvous = "ws://" + listen;
+    return std::make_unique<RunningProgram>(std::vector<std::string>{RENDEZVOUS_PROGRAM, "--listen", listen},
+                                            RunningProgram::Place{.home = homeOf("service")});
+}
+
+bool EndToEndTest::isRegistered(const RunningProgram& host) {
+    return host.says("Online · Reachable from anywhere with this ID and password", 1, within(20));
+}
+
 void EndToEndTest::readHostLine(const RunningProgram& host) {
     const std::string text = host.said();
     const auto start = text.find("Host ID ");

@@ -43,6 +43,10 @@ protected:
     std::string hostLine;  // that tells its ID and password
     std::string hostId() const { return hostLine.substr(std::string("Host ID ").size(), 11); }
     std::string rendezvous = RunningProgram::Place().rendezvous;  // of a host that is started from now on
+    /// A service on the loopback, which is `rendezvous` from now on.
+    std::unique_ptr<RunningProgram> startRendezvous();
+    /// Whether the host can be found by its ID within reason.
+    bool isRegistered(const RunningProgram& host);
     void readHostLine(const RunningProgram& host);
 
     /// A viewer that connects and ends when it has seen a resting picture.

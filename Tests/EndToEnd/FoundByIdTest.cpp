@@ -12,14 +12,9 @@ class FoundByIdTest : public EndToEndTest {
 protected:
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(startServer());
-        const std::string listen = "127.0.0.1:8470";
-        service =
-            std::make_unique<RunningProgram>(std::vector<std::string>{RENDEZVOUS_PROGRAM, "--listen", listen},
-                                             RunningProgram::Place{.home = homeOf("service")});
-        rendezvous = "ws://" + listen;
+        service = startRendezvous();
         host = startHost();
-        ASSERT_TRUE(host->says("Online · Reachable from anywhere with this ID and password", 1, within(20)))
-            << host->said() << service->said();
+        ASSERT_TRUE(isRegistered(*host)) << host->said() << service->said();
         agent = std::make_unique<RunningProgram>(
             std::vector<std::string>{VELMORA_PROGRAM, "mcp", "--own-display"},
             RunningProgram::Place{.home = homeOf("agent"), .takesLines = true, .rendezvous = rendezvous});

@@ -9,7 +9,8 @@ import { createInterface } from 'node:readline';
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 
-const { VELMORA_PROGRAM: program, TASK_WINDOW: window, ADDRESS: address, PASSWORD: password } = process.env;
+const { VELMORA_PROGRAM: program, TASK_WINDOW: window, ADDRESS: address, HOST_ID: hostId, PASSWORD: password } = process.env;
+const wrong = password === '123456' ? '654321' : '123456';
 const slowness = Math.max(Number(process.env.VELMORA_TEST_SLOWNESS) || 1, 1);
 const within = (seconds) => seconds * 1000 * slowness;
 const width = 1280, height = 800;
@@ -214,9 +215,17 @@ const steps = {
     await bridge.pictures(`${width}×${height} px`, 'screenshot');
   },
   async 'a wrong password'() {
-    const wrong = password === '123456' ? '654321' : '123456';
     await bridge.fails(/The password for 127\.0\.0\.1 didn't match\./, 'connect', { device: address, password: wrong });
     await bridge.says(`Connected to ${address} via LAN, screen ${width}×${height}`, 'connect', { device: address, password });
+  },
+  async 'found by its Host ID'() {
+    // It may be found on this network first, and is then called by its name.
+    await bridge.fails(/^Wrong password\. The password for .+ didn't match\./, 'connect', { host_id: hostId, password: wrong });
+    await bridge.fails(/The password for 123 456 789 didn't match\./, 'connect', { host_id: '123 456 789', password });
+    const { text } = await bridge.call('connect', { host_id: hostId, password });
+    assert.match(text, new RegExp(`^Connected to .+ via (LAN|Direct), screen ${width}×${height}$`));
+    await bridge.says('Typed 2 characters', 'type', { text: 'id' });
+    assert.equal(await bridge.pictures(`${width}×${height} px`, 'screenshot'), `${width}x${height}`);
   },
   async 'the end of input'() {
     const pid = bridge.transport.pid;
