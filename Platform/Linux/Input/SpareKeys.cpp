@@ -1,7 +1,6 @@
 #include "Platform/Linux/Input/SpareKeys.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <span>
 #include <string_view>
@@ -65,16 +64,11 @@ private:
     XReply<xcb_get_keyboard_mapping_reply_t> reply_;
 };
 
-/// Gives the codes from `first` on their symbols, in one change. Each goes in twice: entered once, the server
-/// would make a pair of cases of it that depends on Shift and Caps Lock.
-void enterRun(const XConnection& connection, Code first, std::span<const xkb_keysym_t> symbols) {
-    std::vector<xcb_keysym_t> twice;
-    for (const xkb_keysym_t symbol : symbols) twice.insert(twice.end(), 2, symbol);
-    xcb_change_keyboard_mapping(connection, static_cast<Code>(symbols.size()), first, 2, twice.data());
-}
-
-void clear(const XConnection& connection, Code code) {
-    enterRun(connection, code, std::array{xkb_keysym_t{XKB_KEY_NoSymbol}});
+/// The symbol goes in twice: entered once, the server would make a pair of cases of it that depends on Shift
+/// and Caps Lock.
+void enter(const XConnection& connection, Code code, xkb_keysym_t symbol) {
+    const xcb_keysym_t twice[] = {symbol, symbol};
+    xcb_change_keyboard_mapping(connection, 1, code, 2, twice);
 }
 
 }  // namespace
@@ -89,10 +83,9 @@ SpareKeys::~SpareKeys() {
     const bool lent = std::ranges::any_of(slots_, [](const Slot& slot) { return slot.symbol != 0; });
     if (lent && !connection_.isBroken()) {
         if (std::ranges::any_of(slots_, [this](const Slot& slot) { return needsSettling(slot); })) settle();
-        std::vector<Slot> cleared = slots_;
-        std::erase_if(cleared, [](const Slot& slot) { return slot.symbol == XKB_KEY_NoSymbol; });
-        for (Slot& slot : cleared) slot.symbol = XKB_KEY_NoSymbol;
-        enter(std::move(cleared));
+        for (const Slot& slot : slots_) {
+            if (slot.symbol != XKB_KEY_NoSymbol) enter(connection_, slot.code, XKB_KEY_NoSymbol);
+        }
     }
     if (owner_ == 0) return;
     xcb_delete_property(connection_, connection_.root(), recordAtom(connection_));
@@ -122,41 +115,19 @@ bool SpareKeys::isOurs(Code code) const {
     return slot != slots_.end() && slot->symbol != XKB_KEY_NoSymbol;
 }
 
-std::optional<SpareKeys::Code> SpareKeys::codeFor(std::span<const xkb_keysym_t> symbols) {
-    if (slots_.empty()) return std::nullopt;
-    if (std::ranges::find(slots_, symbols.front(), &Slot::symbol) == slots_.end()) lend(symbols);
-    const auto slot = std::ranges::find(slots_, symbols.front(), &Slot::symbol);
+std::optional<SpareKeys::Code> SpareKeys::codeFor(xkb_keysym_t symbol) {
+    auto slot = std::ranges::find(slots_, symbol, &Slot::symbol);
+    if (slot == slots_.end()) {
+        slot = slots_.begin();
+        if (slot == slots_.end()) return std::nullopt;
+        if (needsSettling(*slot)) settle();
+        if (owner_ == 0) writeDown();
+        slot->symbol = symbol;
+        enter(connection_, slot->code, symbol);
+    }
     slot->lastUse = HostClock::now();
     std::rotate(slot, slot + 1, slots_.end());
     return slots_.back().code;
-}
-
-/// Gives those of `symbols` that have no code the ones used longest ago; the first has one then.
-void SpareKeys::lend(std::span<const xkb_keysym_t> symbols) {
-    std::vector<xkb_keysym_t> without;
-    for (const xkb_keysym_t symbol : symbols) {
-        if (without.size() == slots_.size()) break;
-        const bool has = std::ranges::find(slots_, symbol, &Slot::symbol) != slots_.end();
-        if (!has && std::ranges::find(without, symbol) == without.end()) without.push_back(symbol);
-    }
-    const auto lent = std::span(slots_).first(without.size());
-    if (std::ranges::any_of(lent, [this](const Slot& slot) { return needsSettling(slot); })) settle();
-    if (owner_ == 0) writeDown();
-    for (std::size_t i = 0; i < without.size(); ++i) lent[i].symbol = without[i];
-    enter({lent.begin(), lent.end()});
-    std::ranges::rotate(slots_, slots_.begin() + static_cast<std::ptrdiff_t>(without.size()));
-}
-
-/// Tells the server what the slots mean now, in one change for each run of neighbouring codes.
-void SpareKeys::enter(std::vector<Slot> slots) {
-    std::ranges::sort(slots, {}, &Slot::code);
-    std::vector<xkb_keysym_t> run;
-    for (std::size_t i = 0; i < slots.size(); ++i) {
-        run.push_back(slots[i].symbol);
-        if (i + 1 < slots.size() && slots[i + 1].code == slots[i].code + 1) continue;
-        enterRun(connection_, static_cast<Code>(slots[i].code + 1 - run.size()), run);
-        run.clear();
-    }
 }
 
 bool SpareKeys::needsSettling(const Slot& slot) const {
@@ -194,7 +165,7 @@ void SpareKeys::clearLeftovers(const XConnection& connection) {
     const CoreMap map(connection);
     const auto* codes = static_cast<const Code*>(xcb_get_property_value(record.get()));
     for (int i = 0; i < xcb_get_property_value_length(record.get()); ++i) {
-        if (map.isLentTo(codes[i], std::nullopt)) clear(connection, codes[i]);
+        if (map.isLentTo(codes[i], std::nullopt)) enter(connection, codes[i], XKB_KEY_NoSymbol);
     }
     xcb_delete_property(connection, connection.root(), atom);
     xcb_flush(connection);

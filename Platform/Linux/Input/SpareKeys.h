@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <span>
 #include <vector>
 
 #include "Platform/Linux/Display/XConnection.h"
@@ -16,8 +15,7 @@ namespace velmora {
 /// Key codes that no layout uses, lent to characters that the layout cannot type. An application looks up
 /// what a code means when it gets to the key press, so a code may only be given another meaning once the
 /// application that got it last has caught up; there are about twenty codes, and the one used longest ago
-/// goes first. A toolkit reads the whole map again, 80 ms in Qt, each time that it changes: what is about to
-/// be typed gets its codes together, in as few changes as possible.
+/// goes first.
 ///
 /// What was lent is given back at the end. Lest a crash leave the keyboard littered, the codes are written
 /// down on the root window before the first is changed; they belong to us as long as we own the selection of
@@ -32,9 +30,8 @@ public:
     SpareKeys(const SpareKeys&) = delete;
     SpareKeys& operator=(const SpareKeys&) = delete;
 
-    /// The code that types the first of `symbols` now, for one press and release; the others, which are to be
-    /// typed next, get theirs with it as far as there are any. None when the keyboard has no room.
-    std::optional<Code> codeFor(std::span<const xkb_keysym_t> symbols);
+    /// The code that types `symbol` now, for one press and release. None when the keyboard has no room.
+    std::optional<Code> codeFor(xkb_keysym_t symbol);
     bool isOurs(Code code) const;
     /// The keyboard map was replaced: what it lends now must be found anew.
     void mapWasReplaced();
@@ -48,8 +45,6 @@ private:
         xkb_keysym_t symbol = XKB_KEY_NoSymbol;
         HostClock::time_point lastUse{};
     };
-    void lend(std::span<const xkb_keysym_t> symbols);
-    void enter(std::vector<Slot> slots);
     bool needsSettling(const Slot& slot) const;
     void settle();
     void writeDown();

@@ -26,25 +26,6 @@ constexpr std::uint8_t returnKey = 36, tabKey = 23, leftControl = 37, rightContr
 constexpr std::chrono::milliseconds dragBegins{40}, dragInterval{8};
 constexpr std::uint8_t wheelUp = 4, wheelDown = 5, wheelLeft = 6, wheelRight = 7;
 
-// More than there are spare keys, so that all of them can be given out together.
-constexpr std::size_t lookAhead = 64;
-
-/// Half a surrogate pair stands for nothing and is left out.
-std::u32string charactersOf(const std::u16string& text) {
-    std::u32string characters;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char32_t character = text[i];
-        if (character >= 0xD800 && character <= 0xDFFF) {
-            const bool isPair =
-                character < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
-            if (!isPair) continue;
-            character = 0x10000 + ((character - 0xD800) << 10) + (text[++i] - 0xDC00u);
-        }
-        characters += character;
-    }
-    return characters;
-}
-
 std::uint8_t xButton(int button) {
     return button == 0 ? 1 : button == 1 ? 3 : 2;
 }
@@ -233,42 +214,32 @@ std::optional<char32_t> X11EventPoster::deadCharacterAt(const PostedEvent& event
 void X11EventPoster::type(const std::u16string& text) {
     followKeymap();
     lock(Lock::caps, false);
-    const std::u32string characters = charactersOf(text);
-    std::vector<xkb_keysym_t> strange;  // what the layout lacks, in the order of the text
-    for (const char32_t character : characters) {
-        if (const auto symbol = strangeSymbolOf(character)) strange.push_back(*symbol);
-    }
-    std::span<const xkb_keysym_t> rest = strange;
-    for (const char32_t character : characters) {
-        if (!strangeSymbolOf(character)) {
-            typeOwn(character);
-            continue;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char32_t character = text[i];
+        if (character >= 0xD800 && character <= 0xDFFF) {
+            const bool isPair =
+                character < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
+            if (!isPair) continue;
+            character = 0x10000 + ((character - 0xD800) << 10) + (text[++i] - 0xDC00u);
         }
-        if (const auto code = spareKeys().codeFor(rest.first(std::min(rest.size(), lookAhead))))
-            held_.tapKey(*code, {});
-        rest = rest.subspan(1);
+        typeCharacter(character);
     }
     held_.putBack();
 }
 
-/// The symbol of a character that no key of the layout types.
-std::optional<xkb_keysym_t> X11EventPoster::strangeSymbolOf(char32_t character) const {
-    if (character < 32 || character == 127 || characters_.contains(character)) return std::nullopt;
-    const xkb_keysym_t symbol = xkb_utf32_to_keysym(character);
-    if (symbol == XKB_KEY_NoSymbol) return std::nullopt;
-    return symbol;
-}
-
-/// A character that the layout has; others are left out.
-void X11EventPoster::typeOwn(char32_t character) {
+void X11EventPoster::typeCharacter(char32_t character) {
     if (character == U'\n' || character == U'\r') return held_.tapKey(returnKey, {});
     if (character == U'\t') return held_.tapKey(tabKey, {});
-    const auto stroke = characters_.find(character);
-    if (stroke == characters_.end() || character < 32 || character == 127) return;
-    ModifierSet wanted;
-    if (stroke->second.shift) wanted.insert(ModifierKind::shift);
-    if (stroke->second.level3) wanted.insert(ModifierKind::level3);
-    held_.tapKey(stroke->second.code, wanted);
+    if (character < 32 || character == 127) return;
+    if (const auto stroke = characters_.find(character); stroke != characters_.end()) {
+        ModifierSet wanted;
+        if (stroke->second.shift) wanted.insert(ModifierKind::shift);
+        if (stroke->second.level3) wanted.insert(ModifierKind::level3);
+        return held_.tapKey(stroke->second.code, wanted);
+    }
+    const xkb_keysym_t symbol = xkb_utf32_to_keysym(character);
+    if (symbol == XKB_KEY_NoSymbol) return;
+    if (const auto code = spareKeys().codeFor(symbol)) held_.tapKey(*code, {});
 }
 
 std::optional<std::uint8_t> X11EventPoster::xCodeFor(std::uint16_t keyCode) const {

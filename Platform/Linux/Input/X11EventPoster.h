@@ -41,8 +41,7 @@ private:
     void pressKey(const PostedEvent& event);
     void releaseKey(const PostedEvent& event);
     void type(const std::u16string& text);
-    std::optional<xkb_keysym_t> strangeSymbolOf(char32_t character) const;
-    void typeOwn(char32_t character);
+    void typeCharacter(char32_t character);
 
     std::optional<std::uint8_t> xCodeFor(std::uint16_t keyCode) const;
     ModifierSet modifiersFor(const PostedEvent& event) const;

@@ -210,23 +210,6 @@ TEST_F(X11EventPosterTest, lentKeysTypeInEveryGroupOfTheLayout) {
     EXPECT_EQ(keymap.symbolOf({.code = static_cast<XKeymap::Code>(codes[0])}), 0x1004F60u);
 }
 
-TEST_F(X11EventPosterTest, whatIsTypedTogetherIsLentItsKeysTogether) {
-    const std::unique_ptr<xcb_connection_t, void (*)(xcb_connection_t*)> watcher(
-        xcb_connect(server.display().c_str(), nullptr), xcb_disconnect);
-    std::u16string text;
-    for (char16_t i = 0; i < 12; ++i) text += static_cast<char16_t>(0x4E00 + i);
-    make()->post({.kind = Kind::text, .text = text});  // and gives them back
-
-    std::free(xcb_get_input_focus_reply(watcher.get(), xcb_get_input_focus(watcher.get()), nullptr));
-    int changes = 0;
-    while (auto* event = xcb_poll_for_event(watcher.get())) {
-        if ((event->response_type & 0x7F) == XCB_MAPPING_NOTIFY) ++changes;
-        std::free(event);
-    }
-    EXPECT_GT(changes, 0);
-    EXPECT_LT(changes, 12) << "each makes every application read the map again";
-}
-
 TEST_F(X11EventPosterTest, whatACrashLeftOnTheKeyboardIsClearedAtTheNextStart) {
     XInputWindow window(server.display());
     const pid_t child = fork();
