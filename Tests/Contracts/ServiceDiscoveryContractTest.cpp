@@ -221,6 +221,16 @@ TYPED_TEST(ServiceDiscoveryContract, whatIsNotThereFailsAtTheLimitAndAnEndedRequ
     fixture.run([&] { patient.reset(); });
 }
 
+/// What the loop has still to tell then must not begin anything anew: the process would end.
+TEST(ServiceDiscoveryTest, mayGoAsSoonAsItIsMade) {
+    const auto comeAndGo = [] {
+        busSocket();
+        for (int i = 0; i < 100; ++i) AvahiServiceDiscovery one, other, third;
+        std::exit(0);
+    };
+    EXPECT_EXIT(comeAndGo(), testing::ExitedWithCode(0), "");
+}
+
 class OwnResponder : public testing::Test, protected EmbeddedFixture {
 protected:
     void SetUp() override {

@@ -294,6 +294,8 @@ public:
     ~Engine() {
         loop_.post([this] {
             use(nullptr);
+            clientLife_.renew();  // a state that is told already would start a timer again
+            coreLife_.renew();
             tasks_.clear();
             retryTimer_.reset();
             graceTimer_.reset();
