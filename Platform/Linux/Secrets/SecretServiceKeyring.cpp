@@ -3,12 +3,12 @@
 #include <gio/gio.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <optional>
 #include <string>
 #include <utility>
+
+#include "Platform/Linux/System/SessionBus.h"
 
 namespace velmora {
 namespace {
@@ -58,15 +58,6 @@ GVariant* attributesOf(const SecretName& name) {
 
 GVariant* bytesVariant(ByteView bytes) {
     return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
-}
-
-/// Without this GLib would start a bus of its own beside the session, for a display it finds.
-bool hasSessionBus() {
-    if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) return true;
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    std::error_code ignored;
-    return runtime && *runtime == '/' &&
-           std::filesystem::exists(std::filesystem::path(runtime) / "bus", ignored);
 }
 
 constexpr const char* serviceName = "org.freedesktop.secrets";

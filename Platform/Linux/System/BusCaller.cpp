@@ -2,20 +2,10 @@
 
 #include <gio/gunixfdlist.h>
 
-#include <cstdlib>
-#include <filesystem>
+#include "Platform/Linux/System/SessionBus.h"
 
 namespace velmora {
 namespace {
-
-/// GLib would otherwise start a session bus of its own for a display that it finds.
-bool hasSessionBus() {
-    if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) return true;
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    std::error_code ignored;
-    return runtime && *runtime == '/' &&
-           std::filesystem::exists(std::filesystem::path(runtime) / "bus", ignored);
-}
 
 Failure failureOf(GError* error) {
     Failure failure{error ? error->message : "no bus", error ? error->code : 0};
