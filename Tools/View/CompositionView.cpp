@@ -34,6 +34,7 @@
 #include "Viewer/Session/SignalingRendezvousPath.h"
 #include "Viewer/Window/Appearance.h"
 #include "Viewer/Window/DesktopFolders.h"
+#include "Viewer/Window/Logo.h"
 #include "Viewer/Window/ViewerSession.h"
 
 namespace velmora {
@@ -128,6 +129,7 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
     QApplication::setQuitOnLastWindowClosed(false);
     QtMainQueue main;
     ViewServices services(main, rendezvous);
+    introduceApplication();
     Appearance::apply(ThemePreferences::saved(services.preferences()));
 
     int status = 0;
