@@ -151,17 +151,15 @@ struct QuicConnection::Callbacks {
         self(user).observer_.onStreamData(stream, {data, size}, (flags & NGTCP2_STREAM_DATA_FLAG_FIN) != 0);
         return 0;
     }
+    static OutgoingStream* outgoing(void* user, std::int64_t id) {
+        const auto found = self(user).streams_.find(id);
+        return found == self(user).streams_.end() ? nullptr : &found->second;
+    }
     static int streamAcknowledged(ngtcp2_conn*, std::int64_t id, std::uint64_t offset, std::uint64_t size,
                                   void* user, void*) {
-        const auto found = self(user).streams_.find(id);
-        if (found == self(user).streams_.end()) return 0;
-        OutgoingStream& stream = found->second;
-        stream.acknowledged = std::max(stream.acknowledged, offset + size);
-        self(user).pathIsAlive_ = true;
-        while (stream.nextChunk > 0 && stream.base + stream.chunks.front().size() <= stream.acknowledged) {
-            stream.base += stream.chunks.front().size();
-            stream.chunks.pop_front();
-            --stream.nextChunk;
+        if (auto* const stream = outgoing(user, id)) {
+            stream->acknowledgeUpTo(offset + size);
+            self(user).pathIsAlive_ = true;
         }
         return 0;
     }
@@ -171,19 +169,11 @@ struct QuicConnection::Callbacks {
         return 0;
     }
     static int stopSending(ngtcp2_conn*, std::int64_t id, std::uint64_t, void* user, void*) {
-        const auto found = self(user).streams_.find(id);
-        if (found != self(user).streams_.end()) found->second.refused = true;
+        if (auto* const stream = outgoing(user, id)) stream->refuse();
         return 0;
     }
     static int streamClosed(ngtcp2_conn*, std::uint32_t, std::int64_t id, std::uint64_t, void* user, void*) {
-        const auto found = self(user).streams_.find(id);
-        if (found != self(user).streams_.end()) {
-            // All that was sent has arrived, or the stream was reset; the library lets go of the data.
-            if (found->second.finished) found->second.acknowledged = found->second.end;
-            if (!found->second.finished) found->second.refused = true;
-            found->second.chunks.clear();
-            found->second.nextChunk = 0;
-        }
+        if (auto* const stream = outgoing(user, id)) stream->close();
         return 0;
     }
     static int datagram(ngtcp2_conn*, std::uint32_t, const std::uint8_t* data, std::size_t size, void* user) {
@@ -533,39 +523,30 @@ ngtcp2_ssize QuicConnection::writeStream(std::int64_t id, OutgoingStream& stream
     // congestion control stops, and the datagrams behind would wait for the peer to read.
     const bool windowClosed = ngtcp2_conn_get_max_data_left(connection_) == 0 ||
                               ngtcp2_conn_get_max_stream_data_left(connection_, id) == 0;
-    if (stream.accepted < stream.end && windowClosed) {
+    if (stream.hasBytes() && windowClosed) {
         again = true;
         return 0;
     }
+    std::array<ByteView, maxVectors> pieces;
+    const auto next = stream.next(pieces);
     std::array<ngtcp2_vec, maxVectors> vectors;
-    std::size_t count = 0;
-    std::size_t given = 0;
-    std::size_t skip = static_cast<std::size_t>(stream.accepted - stream.nextBase);
-    for (std::size_t i = stream.nextChunk; i < stream.chunks.size() && count < maxVectors; ++i) {
-        Bytes& chunk = stream.chunks[i];
-        vectors[count++] = {chunk.data() + skip, chunk.size() - skip};
-        given += chunk.size() - skip;
-        skip = 0;
-    }
-    const bool last = stream.finishing && stream.accepted + given == stream.end;
+    std::ranges::transform(std::span(pieces).first(next.count), vectors.begin(), [](ByteView piece) {
+        return ngtcp2_vec{const_cast<std::uint8_t*>(piece.data()), piece.size()};
+    });
     ngtcp2_ssize taken = -1;
-    const auto size = ngtcp2_conn_writev_stream(
-        connection_, &path, nullptr, room.data(), room.size(), &taken,
-        last ? NGTCP2_WRITE_STREAM_FLAG_FIN : NGTCP2_WRITE_STREAM_FLAG_NONE, id, vectors.data(), count, time);
-    if (taken >= 0) {
-        stream.accepted += static_cast<std::uint64_t>(taken);
-        while (stream.nextChunk < stream.chunks.size() &&
-               stream.nextBase + stream.chunks[stream.nextChunk].size() <= stream.accepted)
-            stream.nextBase += stream.chunks[stream.nextChunk++].size();
-        if (last && stream.accepted == stream.end) stream.finished = true;
-    }
+    const auto size =
+        ngtcp2_conn_writev_stream(connection_, &path, nullptr, room.data(), room.size(), &taken,
+                                  next.isLast ? NGTCP2_WRITE_STREAM_FLAG_FIN : NGTCP2_WRITE_STREAM_FLAG_NONE,
+                                  id, vectors.data(), next.count, time);
+    if (taken >= 0) stream.accept(static_cast<std::size_t>(taken), next.isLast);
     switch (size) {
         case NGTCP2_ERR_STREAM_DATA_BLOCKED:
             again = true;
             return 0;
         case NGTCP2_ERR_STREAM_SHUT_WR:
         case NGTCP2_ERR_STREAM_NOT_FOUND:
-            stream.refused = again = true;
+            stream.refuse();
+            again = true;
             return 0;
         default:
             return size;
@@ -627,14 +608,11 @@ std::optional<std::int64_t> QuicConnection::openStream() {
 }
 
 void QuicConnection::sendOnStream(std::int64_t id, Bytes data) {
-    OutgoingStream& stream = streams_[id];
-    if (data.empty() || stream.finishing || stream.refused) return;
-    stream.end += data.size();
-    stream.chunks.push_back(std::move(data));
+    streams_[id].add(std::move(data));
 }
 
 void QuicConnection::finishStream(std::int64_t id) {
-    streams_[id].finishing = true;
+    streams_[id].finish();
 }
 
 void QuicConnection::grantStream(std::int64_t id, std::uint64_t bytes) {
@@ -645,18 +623,17 @@ void QuicConnection::grantStream(std::int64_t id, std::uint64_t bytes) {
 
 std::uint64_t QuicConnection::acceptedOnStream(std::int64_t id) const {
     const auto found = streams_.find(id);
-    return found == streams_.end() ? 0 : found->second.accepted;
+    return found == streams_.end() ? 0 : found->second.accepted();
 }
 
 bool QuicConnection::isStreamDelivered(std::int64_t id) const {
     const auto found = streams_.find(id);
-    return found != streams_.end() && found->second.finished &&
-           found->second.acknowledged >= found->second.end;
+    return found != streams_.end() && found->second.isDelivered();
 }
 
 bool QuicConnection::isStreamRefused(std::int64_t id) const {
     const auto found = streams_.find(id);
-    return found != streams_.end() && found->second.refused;
+    return found != streams_.end() && found->second.isRefused();
 }
 
 void QuicConnection::queueDatagrams(std::vector<SharedBytes> datagrams, std::uint64_t tag, TimePoint now) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Platform/Linux/Network/DatagramLedger.h"
+#include "Platform/Linux/Network/OutgoingStream.h"
 #include "Platform/Linux/Network/PacketBatch.h"
 #include "Platform/Linux/Network/QuicTls.h"
 #include "Platform/Linux/Network/SocketAddress.h"
@@ -133,18 +134,6 @@ public:
 private:
     enum class Phase { open, closing, draining, gone };
     struct Callbacks;
-    struct OutgoingStream {
-        std::deque<Bytes> chunks;    // from the first not yet acknowledged; the library keeps pointers
-        std::uint64_t base = 0;      // offset of chunks.front()
-        std::size_t nextChunk = 0;   // the first that is not wholly in packets
-        std::uint64_t nextBase = 0;  // its offset
-        std::uint64_t accepted = 0;  // put into packets
-        std::uint64_t end = 0;       // given
-        std::uint64_t acknowledged = 0;
-        bool finishing = false, finished = false;  // the end is wanted; it is in a packet
-        bool refused = false;
-        bool wantsToWrite() const { return !refused && (accepted < end || (finishing && !finished)); }
-    };
     struct QueuedDatagram {
         SharedBytes bytes;
         std::uint64_t tag;
