@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 #include <utility>
@@ -43,6 +44,7 @@ HostSignaling::HostSignaling(SignalingUrl url, Services services)
 HostSignaling::HostSignaling(SignalingUrl url, Services services, Parameters parameters)
     : services_(std::move(services)),
       parameters_(parameters),
+      registrationRetry_(parameters.firstRegistrationRetry),
       client_(std::move(url), services_.sockets, services_.main) {
     client_.onMessage = [this](const rendezvous::ToClient& message) {
         std::visit([this](const auto& one) { handle(one); }, message);
@@ -69,6 +71,7 @@ void HostSignaling::stop() {
     client_.send(rendezvous::HostAvailability{.available = false});
     client_.send(rendezvous::Hangup{});
     active_ = false;
+    registrationTimer_.reset();
     client_.disconnect();
     setStatus({Kind::off});
 }
@@ -85,6 +88,7 @@ void HostSignaling::handleState(SignalingClient::State state, const std::optiona
     if (!active_) return;
     switch (state) {
         case SignalingClient::State::disconnected: {
+            registrationTimer_.reset();  // the next connection registers anyway
             hostLog(
                 fmt::format("⚠︎ Signaling connection lost: {}; retrying", reason.value_or("unknown")));
             std::string words = "Can't reach Velmora Cloud";
@@ -111,6 +115,8 @@ void HostSignaling::handle(const rendezvous::SessionCreated& message) {
     if (message.id != services_.identity.id()) {
         return setStatus({Kind::offline, "Velmora Cloud assigned a different ID"});
     }
+    registrationTimer_.reset();
+    registrationRetry_ = parameters_.firstRegistrationRetry;
     publicAddress_ = message.publicAddress;
     hostLog(fmt::format("Online at Velmora Cloud as {}", HostIdentity::grouped(message.id)));
     setStatus({Kind::online});
@@ -194,7 +200,16 @@ void HostSignaling::handle(const rendezvous::PeerLeft&) {
 void HostSignaling::handle(const rendezvous::Error& message) {
     const std::string text = message.message.value_or("Unknown error");
     hostLog(fmt::format("⚠︎ Velmora Cloud: {}", text));
-    if (message.code == "busy") setStatus({Kind::offline, text});
+    const bool isTaken = message.code == "busy";
+    if (!isTaken && status_.kind == Kind::online) return;  // about something else
+    registerLater();
+    if (isTaken) setStatus({Kind::offline, text});
+}
+
+void HostSignaling::registerLater() {
+    if (!active_) return;
+    registrationTimer_ = services_.main.after(registrationRetry_, [this] { registerHost(); });
+    registrationRetry_ = std::min(2 * registrationRetry_, parameters_.longestRegistrationRetry);
 }
 
 // Ways in

@@ -57,6 +57,10 @@ public:
         std::chrono::milliseconds relayReplyLimit{2'000};
         std::chrono::milliseconds relayInterval{3'000};  // NATs forget UDP within half a minute
         std::chrono::seconds relayLifetime{600};         // as long as the token is good for
+        /// After a refused registration; doubled each time. What holds our ID may be what is left of an
+        /// earlier connection of ours, which a service notices within a minute, or a copy of this machine.
+        std::chrono::seconds firstRegistrationRetry{10};
+        std::chrono::seconds longestRegistrationRetry{300};
     };
 
     HostSignaling(SignalingUrl url, Services services);
@@ -72,8 +76,8 @@ public:
 
     void start();
     void stop();
-    /// Tells the service our ID and password. It also happens by itself, at each new connection and whenever
-    /// the password changes; without a password to tell, nothing is told.
+    /// Tells the service our ID and password. It also happens by itself, at each new connection, whenever the
+    /// password changes and some time after a refusal; without a password to tell, nothing is told.
     void registerHost();
 
 private:
@@ -91,6 +95,8 @@ private:
     void handle(const rendezvous::JoinPending&) {}  // for viewers
     void handle(const rendezvous::Rejected&) {}
 
+    void registerLater();
+
     void accept(const std::string& clientId, const std::optional<std::string>& mapped);
     void punch(std::string host, std::uint16_t port, int remaining);
     void startRelayRegistration(const rendezvous::Relay& relay);
@@ -104,6 +110,8 @@ private:
     Status status_;
     std::map<std::string, std::string> pendingNames_;  // by clientId, between its request and "accepted"
     std::optional<std::string> publicAddress_;
+    std::chrono::seconds registrationRetry_;
+    TimerToken registrationTimer_;  // held while connected and refused
     TimerToken relayTimer_;
     HostClock::time_point relayStarted_;
     std::map<std::uint64_t, TimerToken> punchTimers_;  // one for each viewer being punched towards

@@ -177,6 +177,50 @@ TEST_F(HostSignalingTest, itsStatusFollowsTheLink) {
     EXPECT_THAT(diary.hostLines(), Contains("⚠︎ Velmora Cloud: Unknown error"));
 }
 
+TEST_F(HostSignalingTest, comesOnlineByItselfAfterARefusal) {
+    const auto isAskedWithin = [this](std::chrono::seconds pause) {
+        server().received.clear();
+        time.advanceBy(pause - 1ms);
+        EXPECT_THAT(received(), IsEmpty());
+        time.advanceBy(1ms);
+        return received().size() == 1;
+    };
+    const auto refuse = [this](const std::string& code) {
+        server().sendText(R"({"type":"error","message":"No.","code":")" + code + R"("})");
+    };
+    goOnline();
+    refuse("busy");  // another has taken it
+    for (const auto pause : {10s, 20s, 40s, 80s, 160s, 300s, 300s}) {
+        EXPECT_TRUE(isAskedWithin(pause)) << pause.count();
+        refuse("busy");
+    }
+    server().sendText(registration);
+    EXPECT_THAT(statuses, ElementsAre("offline: No.", "online"));
+    refuse("other");
+    server().received.clear();
+    time.advanceBy(1h);
+    EXPECT_THAT(received(), IsEmpty()) << "it is online";
+
+    server().fail("reset");
+    time.advanceBy(1s);
+    server().open();
+    refuse("rate_limited");
+    EXPECT_TRUE(isAskedWithin(10s));
+    refuse("busy");
+    server().fail("reset");
+    time.advanceBy(1s);
+    server().open();
+    server().received.clear();
+    time.advanceBy(1h);
+    EXPECT_THAT(received(), IsEmpty()) << "the new connection asks for itself, and has no answer yet";
+
+    refuse("busy");
+    signaling->stop();
+    server().received.clear();
+    time.advanceBy(1h);
+    EXPECT_THAT(received(), IsEmpty());
+}
+
 TEST_F(HostSignalingTest, saysGoodbyeWhenItStops) {
     signaling->stop();
     EXPECT_THAT(statuses, IsEmpty());

@@ -83,7 +83,9 @@ void HostDesk::receive(const std::shared_ptr<ClientPort>& port, const rendezvous
         return refuse(*port, "rate_limited", "Too many registrations from this address.");
     }
     const std::uint64_t serial = claims_[socket] = ++tries_;
-    const nodes::Claim wanted{create.password, source};
+    // Whose registration went to another may have it back once that one is gone. With the password it would
+    // take it in its turn, and two copies of a host would drive each other out for ever.
+    const nodes::Claim wanted{displaced_.contains(socket) ? std::string() : create.password, source};
     // Only the newest try of a socket that is still there may have an effect.
     auto decide = alive_.guard([this, weak = std::weak_ptr(port), id = *id, create, serial](bool free) {
         const auto port = weak.lock();
@@ -121,7 +123,8 @@ void HostDesk::contend(HostNumber id, const nodes::Claim& claim, UniqueFunction<
     if (!holder) return decide(true);
     const auto now = services_.queue.now();
     const GuessLimiter::Try attempt{id, claim.source, services_.seen.markOf(id)};
-    if (services_.limiter.admit(attempt, now) == GuessLimiter::Verdict::allowed) {
+    const bool isGuess = !claim.password.empty();
+    if (isGuess && services_.limiter.admit(attempt, now) == GuessLimiter::Verdict::allowed) {
         if (SeenHosts::proves(holder->proof, id, claim.password)) {
             services_.limiter.right(attempt, now);
             return decide(true);

@@ -27,7 +27,8 @@ namespace velmora {
 ///
 /// Whoever has a Host ID's password may take over its registration, which is how a host comes back whose old
 /// socket is not known to be dead yet. With another password one has to wait: the holder is asked for a sign
-/// of life, and only if that comes does the other hear "busy".
+/// of life, and only if that comes does the other hear "busy". So does whoever once heard that and tries
+/// again.
 ///
 /// Owned by MeetingPoint; the logic's queue.
 class HostDesk {
@@ -127,8 +128,8 @@ private:
     std::unordered_map<HostNumber, Registration> hosts_;
     std::unordered_map<SocketId, HostNumber> bySocket_;
     std::unordered_map<SocketId, std::uint64_t> claims_;  // registrations under way, by their newest try
-    // Sockets whose registration went to another. They are told and left alone: if they were closed, a copy
-    // of the host would come back at once and take its turn, for ever.
+    // Sockets that were told "busy". They are left alone: if they were closed, a copy of the host would come
+    // back at once and take its turn, for ever.
     std::unordered_set<SocketId> displaced_;
     std::uint64_t tries_ = 0;
     Gauge& registered_;

@@ -291,6 +291,27 @@ TEST_P(IntroductionTest, aHostThatComesBackReplacesItself) {
     EXPECT_FALSE(old->closedWith);
 }
 
+TEST_P(IntroductionTest, whoWasReplacedComesBackOnceTheOtherIsGone) {
+    const HostCreate again{.hostId = "123456789", .password = "042137", .hostname = "Studio"};
+    const Socket first = registeredHost(a);
+    const Socket copy = registeredHost(there, "042137", "198.51.100.99");
+    EXPECT_TRUE(first->take<Error>());
+    for (int i = 0; i < 10; ++i) {
+        say(a, first, again);
+        there.point->answeredProbe(copy->id());
+        time.advanceBy(2s);
+        EXPECT_EQ(first->take<Error>().value_or(Error{}).code, "busy");
+    }
+    EXPECT_FALSE(copy->take<Error>() || copy->take<SecurityNotice>())
+        << "it keeps its place, and is not warned";
+
+    there.point->closed(copy->id());
+    say(a, first, again);
+    time.advanceBy(2s);
+    EXPECT_TRUE(first->take<SessionCreated>());
+    EXPECT_TRUE(join(there)->take<JoinPending>());
+}
+
 TEST_P(IntroductionTest, anotherPasswordHasToWaitForTheHoldersSignOfLife) {
     const Socket holder = registeredHost(a);
     const Socket other = host(there, "777777", "198.51.100.99");
