@@ -123,6 +123,22 @@ TEST_F(Paths, aHostsRouterThatTakesTheNewPortForAStrangersIsOpenedOnceMore) {
     EXPECT_TRUE(eventually([&] { return isGreen(*viewer); }, within(20))) << viewer->said();
 }
 
+TEST_F(Paths, theRelayGoesOnWhenTheViewersRouterTakesAnotherPort) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    if (IsSkipped()) return;
+    homes->blockDirectPaths();
+    const auto viewer =
+        launch(Place::viewer, {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
+               {.home = homeOf("viewer"), .takesLines = true});
+    ASSERT_TRUE(does(*viewer, "wait 0"));
+    EXPECT_TRUE(viewer->says("QUIC connected via Relay"));
+    homes->forgetViewersPorts();
+    ASSERT_EQ(homes->error(), "");
+    screen().fill(display(), green);  // into the void
+    EXPECT_TRUE(viewer->says("Nothing heard by way of the relay", 1, within(20)));
+    EXPECT_TRUE(eventually([&] { return isGreen(*viewer); }, within(20))) << viewer->said();
+}
+
 TEST_F(Paths, theRelayServesWhereNothingElseDoes) {
     ASSERT_NO_FATAL_FAILURE(begin());
     if (IsSkipped()) return;

@@ -51,9 +51,10 @@ public:
 
     /// Once. A password is there.
     virtual void start(const std::string& hostID) = 0;
-    /// Nothing has been heard over the path that won for some seconds: has it opened once more if that can
-    /// help.
-    virtual void reopen() = 0;
+    /// Nothing has been heard for some seconds over the path that won: a NAT on the way may have given us
+    /// another address, which has to be told to somebody. May be repeated.
+    virtual void reopenDirect() = 0;
+    virtual void reopenRelay() = 0;
     /// The connection has ended: tells the service so and lets the link go when that has had time to leave.
     /// The ladder is not called any more.
     virtual void hangUp() = 0;

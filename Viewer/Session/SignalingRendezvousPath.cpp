@@ -173,7 +173,7 @@ void SignalingRendezvousPath::punched(const std::string& hostMapped, std::uint16
     });
 }
 
-void SignalingRendezvousPath::reopen() {
+void SignalingRendezvousPath::reopenDirect() {
     if (!directPort_) return;
     services_.probes.mappedAddress(
         *directPort_, liveness_.guard([this](const std::optional<std::string>& mapped) {
@@ -200,20 +200,32 @@ void SignalingRendezvousPath::registerAtRelay(const rendezvous::Relay& relay) {
     const std::uint16_t localPort = parameters_.drawLocalPort();
     debugLog(fmt::format("No direct answer yet; registering at the relay {}:{} from local port {}",
                          relay.host, relay.port, localPort));
-    services_.probes.sendFromPort({.localPort = localPort,
-                                   .host = relay.host,
-                                   .port = relay.port,
-                                   .payload = relayTags::registration(relay.token),
-                                   .waitForReply = parameters_.relayReplyLimit},
-                                  [](const Bytes& reply) {
-                                      debugLog(relayTags::isAcknowledgement(reply)
-                                                   ? "Relay confirmed the registration"
-                                                   : "Relay answered unexpectedly");
-                                  });
+    relayPlace_ = {relay, localPort};
+    sendToRelay(parameters_.relayReplyLimit, [](const Bytes& reply) {
+        debugLog(relayTags::isAcknowledgement(reply) ? "Relay confirmed the registration"
+                                                     : "Relay answered unexpectedly");
+    });
     relayTimer_ = services_.main.after(parameters_.relayHeadStart, [this, relay, localPort] {
         if (ladder_.hasWinner()) return;
         attempt("Relay", Endpoint::hostPort(relay.host, relay.port), localPort);
     });
+}
+
+void SignalingRendezvousPath::reopenRelay() {
+    if (!relayPlace_) return;
+    debugLog("Nothing heard by way of the relay; registering there once more");
+    sendToRelay(std::chrono::milliseconds(0), nullptr);
+}
+
+void SignalingRendezvousPath::sendToRelay(std::chrono::milliseconds waitForReply,
+                                          std::function<void(const Bytes&)> reply) {
+    const auto& [relay, localPort] = *relayPlace_;
+    services_.probes.sendFromPort({.localPort = localPort,
+                                   .host = relay.host,
+                                   .port = relay.port,
+                                   .payload = relayTags::registration(relay.token),
+                                   .waitForReply = waitForReply},
+                                  std::move(reply));
 }
 
 void SignalingRendezvousPath::attempt(std::string label, Endpoint endpoint,

@@ -45,9 +45,12 @@ public:
     static Factory factory(SignalingUrl url, Services services);
 
     void start(const std::string& hostID) override;
-    /// A NAT on the way may see us at another address by now, which the host's lets in no more than any other
-    /// stranger: the host punches towards it, and QUIC moves there.
-    void reopen() override;
+    /// The host's NAT lets our new address in no more than any other stranger's: the host punches towards it,
+    /// and QUIC moves there.
+    void reopenDirect() override;
+    /// To the relay we are a stranger too, until we register from there. It takes that once it has not heard
+    /// our old address for some seconds.
+    void reopenRelay() override;
     void hangUp() override;
 
     /// 50000 to 60000, both included.
@@ -73,6 +76,7 @@ private:
                  const std::optional<std::string>& mapped);
     void tryRelay(const rendezvous::RelayOffer& offer, std::chrono::milliseconds patience);
     void registerAtRelay(const rendezvous::Relay& relay);
+    void sendToRelay(std::chrono::milliseconds waitForReply, std::function<void(const Bytes&)> reply);
     void attempt(std::string label, Endpoint endpoint, std::optional<std::uint16_t> localPort);
 
     Ladder& ladder_;
@@ -81,7 +85,12 @@ private:
     std::string hostID_;
     bool accepted_ = false;
     std::optional<std::uint16_t> directPort_;  // ours, once an attempt has been made from it
-    std::string fingerprint_;                  // once accepted
+    struct RelayPlace {
+        rendezvous::Relay relay;
+        std::uint16_t localPort = 0;
+    };
+    std::optional<RelayPlace> relayPlace_;  // once registered
+    std::string fingerprint_;               // once accepted
     TimerToken directTimer_, relayTimer_, raceTimer_;
     Liveness liveness_;
     SignalingClient client_;

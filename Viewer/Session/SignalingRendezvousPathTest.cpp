@@ -183,7 +183,7 @@ TEST_F(SignalingRendezvousPathTest, punchesThroughFromThePortThatItThenConnectsF
 
     ladder.winner = true;
     server().received.clear();
-    ladder.path->reopen();
+    ladder.path->reopenDirect();
     time.advanceBy(30ms);
     EXPECT_EQ(network.sent.back().datagram.localPort, 50001);
     EXPECT_THAT(server().received,
@@ -224,6 +224,12 @@ TEST_F(SignalingRendezvousPathTest, comesByTheRelayIfNothingElseAnswers) {
                     "“Studio” accepted; its addresses: 192.0.2.10:47272; relay available",
                     "No direct answer yet; registering at the relay relay.example:3479 from local port 50001",
                     "Relay confirmed the registration"));
+
+    ladder.winner = true;
+    ladder.path->reopenRelay();
+    ASSERT_EQ(network.sent.size(), 2u);
+    EXPECT_EQ(network.sent[1].datagram.localPort, 50001);
+    EXPECT_EQ(network.sent[1].datagram.payload, bytesOf("VLREGtok"));
 }
 
 TEST_F(SignalingRendezvousPathTest, goesToTheRelayAtOnceWithoutLocalAddresses) {

@@ -364,8 +364,7 @@ void ViewerConnection::handleStream(const ViewerMediaPath::StreamFormat& format)
 
 void ViewerConnection::handleSnapshot(const ViewerStats::Snapshot& snapshot) {
     silence_ = snapshot.isSilent ? silence_ + 1 : 0;
-    const bool isDirect = pathLabel_ == "Direct";
-    if (isDirect && silence_ == parameters_.silentBeats) rendezvous_->reopen();
+    reopenPathIfSilent();
     if (main_.now() - lastSnapshotSave_ > parameters_.snapshotInterval) {
         if (auto image = lastImage()) {
             lastSnapshotSave_ = main_.now();
@@ -373,6 +372,13 @@ void ViewerConnection::handleSnapshot(const ViewerStats::Snapshot& snapshot) {
         }
     }
     if (const auto notify = onStats) notify(snapshot);
+}
+
+void ViewerConnection::reopenPathIfSilent() {
+    const int silentBeats = parameters_.silentBeats;
+    // Once is enough for the host to know; a relay may find it too early at first.
+    if (pathLabel_ == "Direct" && silence_ == silentBeats) rendezvous_->reopenDirect();
+    if (pathLabel_ == "Relay" && silence_ > 0 && silence_ % silentBeats == 0) rendezvous_->reopenRelay();
 }
 
 void ViewerConnection::sendInput(const InputEvent& event) {

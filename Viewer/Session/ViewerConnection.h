@@ -123,6 +123,7 @@ private:
     void handleState(TransportState state);
     void handleStream(const ViewerMediaPath::StreamFormat& format);
     void handleSnapshot(const ViewerStats::Snapshot& snapshot);
+    void reopenPathIfSilent();
     void tearDown();
 
     // The ladder, as its second rung sees it.

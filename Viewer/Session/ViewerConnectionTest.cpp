@@ -53,11 +53,12 @@ public:
     struct Record {
         Ladder* ladder = nullptr;
         std::vector<std::string> started;
-        int hangUps = 0, reopenings = 0;
+        int hangUps = 0, directReopenings = 0, relayReopenings = 0;
     };
     ScriptedRendezvous(Ladder& ladder, Record& record) : record_(record) { record_.ladder = &ladder; }
     void start(const std::string& hostID) override { record_.started.push_back(hostID); }
-    void reopen() override { ++record_.reopenings; }
+    void reopenDirect() override { ++record_.directReopenings; }
+    void reopenRelay() override { ++record_.relayReopenings; }
     void hangUp() override { ++record_.hangUps; }
 
 private:
@@ -119,6 +120,16 @@ protected:
         run(50ms);
         ASSERT_TRUE(viewer->isStreaming());
         ASSERT_EQ(frames.size(), 1u);
+    }
+    /// The same with the attempt of this label alone.
+    void streamThroughRendezvous(const std::string& label) {
+        auto options = toKnownHostId();
+        options.lanEndpoint.reset();
+        connect(options);
+        run(100ms);
+        rendezvous.ladder->attempt({label, lan, "AB01", 50123});
+        run(100ms);
+        host->startStream({64, 48});
     }
     void run(HostClock::duration span) { time.advanceBy(span); }
 
@@ -331,21 +342,34 @@ TEST_F(ViewerConnectionTest, attemptsOfTheServiceRaceAndTheTokenStandsForThePass
 }
 
 TEST_F(ViewerConnectionTest, aDirectPathThatFallsSilentIsOpenedOnceMore) {
-    auto options = toKnownHostId();
-    options.lanEndpoint.reset();
-    connect(options);
-    run(100ms);
-    rendezvous.ladder->attempt({"Direct 10.0.0.5:47272", lan, "AB01", 50123});
-    run(100ms);
-    host->startStream({64, 48});
+    streamThroughRendezvous("Direct 10.0.0.5:47272");
     run(4s);  // nothing moves, but the host answers each ping
-    EXPECT_EQ(rendezvous.reopenings, 0);
+    EXPECT_EQ(rendezvous.directReopenings, 0);
     link.cut();
     run(3100ms);
-    EXPECT_EQ(rendezvous.reopenings, 1);
+    EXPECT_EQ(rendezvous.directReopenings, 1);
     run(40s);
-    EXPECT_EQ(rendezvous.reopenings, 1);
+    EXPECT_EQ(rendezvous.directReopenings, 1);
+    EXPECT_EQ(rendezvous.relayReopenings, 0);
     EXPECT_EQ(endKind(), Kind::connectionLost);
+}
+
+TEST_F(ViewerConnectionTest, aRelayThatFallsSilentIsAskedAgainAndAgain) {
+    streamThroughRendezvous("Relay");
+    run(4s);
+    EXPECT_EQ(rendezvous.relayReopenings, 0);
+    link.cut();
+    run(3100ms);
+    EXPECT_EQ(rendezvous.relayReopenings, 1);
+    run(4s);
+    EXPECT_EQ(rendezvous.relayReopenings, 3);
+    link.restore();
+    run(2s);
+    const int reopenings = rendezvous.relayReopenings;
+    run(20s);
+    EXPECT_EQ(rendezvous.relayReopenings, reopenings);
+    EXPECT_EQ(rendezvous.directReopenings, 0);
+    EXPECT_TRUE(ends.empty());
 }
 
 TEST_F(ViewerConnectionTest, aHostIdNeedsAPasswordForTheService) {
