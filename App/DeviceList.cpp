@@ -1,0 +1,185 @@
+#include "App/DeviceList.h"
+
+#include <QPainter>
+#include <QScrollBar>
+#include <QVBoxLayout>
+#include <algorithm>
+#include <utility>
+
+namespace velmora {
+
+namespace {
+
+using Appearance::StatusColor;
+using Style::Glyph;
+using Device = RemoteDevices::Device;
+
+constexpr int leastRows = 3;  // that stay seen when the room is short
+constexpr int noLimit = 1 << 20;
+
+Glyph glyphOf(MacKind kind) {
+    switch (kind) {
+        case MacKind::macbook:
+            return Glyph::laptop;
+        case MacKind::imac:
+            return Glyph::allInOne;
+        case MacKind::macmini:
+            return Glyph::mini;
+        case MacKind::macstudio:
+            return Glyph::studio;
+        case MacKind::macpro:
+            return Glyph::tower;
+        case MacKind::mac:
+            return Glyph::display;
+    }
+    return Glyph::display;
+}
+
+MenuRow::Content contentOf(const Device& device) {
+    MenuRow::Content content{.icon = glyphOf(device.kind), .title = device.name, .mayBeCut = true};
+    switch (device.availability) {
+        case RemoteDevices::Availability::online:
+            content.dot = StatusColor::good;
+            break;
+        case RemoteDevices::Availability::offline:
+            content.dot = StatusColor::quiet;
+            content.dimmed = true;
+            break;
+        case RemoteDevices::Availability::unknown:
+            break;
+    }
+    return content;
+}
+
+/// A bar that lies quietly at the edge.
+class ThinScrollBar final : public QScrollBar {
+public:
+    explicit ThinScrollBar(QWidget* parent) : QScrollBar(Qt::Vertical, parent) {}
+    QSize sizeHint() const override { return {width_, QScrollBar::sizeHint().height()}; }
+
+protected:
+    void paintEvent(QPaintEvent*) override {
+        if (maximum() <= minimum()) return;
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        const double span = maximum() - minimum() + pageStep();
+        const double length = std::max(height() * pageStep() / span, 3.0 * width_);
+        const double travel = height() - length;
+        const double top = travel * (value() - minimum()) / (maximum() - minimum());
+        QColor color = palette().color(QPalette::WindowText);
+        color.setAlphaF(isSliderDown() || underMouse() ? 0.55F : 0.35F);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(color);
+        painter.drawRoundedRect(QRectF(2, top, width_ - 4, length), 2, 2);
+    }
+
+private:
+    static constexpr int width_ = 8;
+};
+
+}  // namespace
+
+DeviceList::DeviceList(QWidget* parent)
+    : QScrollArea(parent),
+      content_(new QWidget(this)),
+      layout_(new QVBoxLayout(content_)),
+      none_(new MenuRow({.title = "No devices found", .enabled = false}, content_)),
+      heightLimit_(noLimit) {
+    setAccessibleName(QStringLiteral("Remote devices"));
+    setFrameShape(QFrame::NoFrame);
+    setFocusPolicy(Qt::NoFocus);
+    setVerticalScrollBar(new ThinScrollBar(this));
+    setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    setWidgetResizable(true);
+    viewport()->setAutoFillBackground(false);
+    layout_->setContentsMargins(0, 0, 0, 0);
+    layout_->setSpacing(0);
+    layout_->addWidget(none_);
+    layout_->addStretch(1);
+    setWidget(content_);
+    content_->setAutoFillBackground(false);
+}
+
+void DeviceList::setDevices(const std::vector<Device>& devices) {
+    std::vector<Entry> before = std::exchange(entries_, {});
+    const auto focused =
+        std::ranges::find_if(before, [](const Entry& entry) { return entry.row->hasFocus(); });
+    const auto focusedAt = static_cast<std::size_t>(focused - before.begin());
+    const bool hadFocus = focused != before.end();
+    const MenuRow* const focusedRow = hadFocus ? focused->row : nullptr;
+
+    QWidget* previous = none_;
+    for (const Device& device : devices) {
+        MenuRow* row = takeRowOf(device.id, before);
+        if (!row) row = makeRow(device.id);
+        row->setContent(contentOf(device));
+        layout_->removeWidget(row);
+        layout_->insertWidget(static_cast<int>(entries_.size()), row);
+        setTabOrder(previous, row);
+        previous = row;
+        entries_.push_back({device, row});
+    }
+    none_->setVisible(entries_.empty());
+    for (const Entry& gone : before) {
+        const bool hadKeyboard = gone.row == focusedRow;
+        gone.row->hide();
+        gone.row->deleteLater();  // it may be telling us something at this very moment
+        if (hadKeyboard && !entries_.empty())
+            entries_[std::min(focusedAt, entries_.size() - 1)].row->setFocus(Qt::OtherFocusReason);
+    }
+    updateGeometry();
+}
+
+std::vector<MenuRow*> DeviceList::rows() const {
+    std::vector<MenuRow*> rows;
+    for (const Entry& entry : entries_) rows.push_back(entry.row);
+    return rows;
+}
+
+MenuRow* DeviceList::takeRowOf(const std::string& id, std::vector<Entry>& entries) {
+    const auto found = std::ranges::find(entries, id, [](const Entry& entry) { return entry.device.id; });
+    if (found == entries.end()) return nullptr;
+    MenuRow* const row = found->row;
+    entries.erase(found);
+    return row;
+}
+
+MenuRow* DeviceList::makeRow(const std::string& id) {
+    auto* row = new MenuRow({}, content_);
+    row->onClick = [this, id] {
+        const Device* device = deviceOf(id);
+        if (const auto act = onConnect; act && device) act(Device(*device));
+    };
+    row->onMenu = [this, id](const QPoint& place) {
+        const Device* device = deviceOf(id);
+        if (device && onMenu) onMenu(*device, place);
+    };
+    row->show();
+    return row;
+}
+
+const Device* DeviceList::deviceOf(const std::string& id) const {
+    const auto found = std::ranges::find(entries_, id, [](const Entry& entry) { return entry.device.id; });
+    return found == entries_.end() ? nullptr : &found->device;
+}
+
+void DeviceList::setHeightLimit(int limit) {
+    heightLimit_ = limit;
+    updateGeometry();
+}
+
+int DeviceList::fullHeight() const {
+    return static_cast<int>(std::max<std::size_t>(entries_.size(), 1)) * Style::rowHeight(font());
+}
+
+QSize DeviceList::sizeHint() const {
+    return {QScrollArea::sizeHint().width(), std::min(fullHeight(), heightLimit_)};
+}
+
+QSize DeviceList::minimumSizeHint() const {
+    return {content_->minimumSizeHint().width(),
+            std::min(fullHeight(), leastRows * Style::rowHeight(font()))};
+}
+
+}  // namespace velmora
