@@ -12,6 +12,12 @@ if(VELMORA_CCACHE)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${VELMORA_CCACHE})
 endif()
 
+# A third to a tenth of the time of the default linker, for each of a hundred programs.
+find_program(VELMORA_LLD ld.lld)
+if(VELMORA_LLD)
+    add_link_options(-fuse-ld=lld)
+endif()
+
 # Dev: fast enough to run the pixel work, assertions on, line tables only so that links stay quick.
 set(CMAKE_CXX_FLAGS_DEV "-O1 -g1" CACHE STRING "" FORCE)
 set(CMAKE_C_FLAGS_DEV "-O1 -g1" CACHE STRING "" FORCE)
