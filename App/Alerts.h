@@ -15,6 +15,8 @@ struct Alert {
     std::string text;  // may have several paragraphs, with a blank line between two
     Style style = Style::warning;
     std::vector<std::string> buttons{"OK"};  // the first is the default; Escape takes the last
+
+    bool operator==(const Alert&) const = default;
 };
 
 /// Shows alerts, above the application's other windows, in the order in which they come and one at a time.

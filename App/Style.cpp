@@ -117,6 +117,15 @@ QPainterPath pencil() {
     return path;
 }
 
+QPainterPath eye(bool isClosed) {
+    QPainterPath path(QPointF(2, 10));
+    path.cubicTo(5.5, 3.5, 14.5, 3.5, 18, 10);
+    path.cubicTo(14.5, 16.5, 5.5, 16.5, 2, 10);
+    path.addEllipse(QPointF(10, 10), 2.6, 2.6);
+    if (isClosed) path.addPath(lineFrom({4, 16.5}, {16, 3.5}));
+    return path;
+}
+
 QPainterPath copy() {
     QPainterPath path;
     path.addRoundedRect(QRectF(7, 7, 10, 10), 2, 2);
@@ -151,6 +160,8 @@ QPainterPath pathOf(Glyph glyph) {
         case Glyph::checkmark:
             path.addPolygon(QPolygonF({{4, 10.5}, {8.25, 14.75}, {16, 5.75}}));
             break;
+        case Glyph::closedEye:
+            return eye(true);
         case Glyph::copy:
             return copy();
         case Glyph::cross:
@@ -159,6 +170,8 @@ QPainterPath pathOf(Glyph glyph) {
             break;
         case Glyph::display:
             return screenOnFoot(false);
+        case Glyph::eye:
+            return eye(false);
         case Glyph::help:
             return help();
         case Glyph::laptop:

@@ -21,6 +21,7 @@ inline constexpr std::string_view captureFolder = "captureFolder";              
 inline constexpr std::string_view dictationMicrophone = "dictationMicrophone";  // string; empty as none
 inline constexpr std::string_view appTheme = "appTheme";                        // string, Theme
 inline constexpr std::string_view settingsTab = "settingsTab";                  // string, "general"
+inline constexpr std::string_view debugLogFrame = "VelmoraDebugLog";            // string, "x y width height"
 inline constexpr std::string_view updatesCheckAutomatically = "updatesCheckAutomatically";  // boolean, true
 inline constexpr std::string_view updatesLastChecked = "updatesLastChecked";                // date
 inline constexpr std::string_view shareUsageData = "shareUsageData";                        // boolean, true

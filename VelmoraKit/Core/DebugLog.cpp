@@ -69,11 +69,13 @@ void DebugLog::setSink(Sink sink) {
     sink_ = std::move(held);
 }
 
-void DebugLog::setObserver(Queue* main, Observer observer) {
+std::vector<DebugLog::Entry> DebugLog::setObserver(Queue* main, Observer observer) {
     auto held = main && observer ? std::make_shared<const Observer>(std::move(observer)) : nullptr;
     std::lock_guard lock(lock_);
     main_ = main;
     observer_ = std::move(held);
+    if (!observer_) return {};
+    return {storage_.begin(), storage_.end()};
 }
 
 // Posting under the lock keeps the order in which lines were taken.

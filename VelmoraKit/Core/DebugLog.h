@@ -47,7 +47,9 @@ public:
     /// The system log. Called on the logging thread, outside the lock; must be thread-safe. Set at start.
     void setSink(Sink sink);
     /// Where observers are told. `main` outlives every later call that logs, or is taken back with nullptr.
-    void setObserver(Queue* main, Observer observer);
+    /// What was told before may still be on its way then. Gives the entries of this moment: what follows
+    /// them, and nothing of them, is told to `observer`.
+    std::vector<Entry> setObserver(Queue* main, Observer observer);
 
 private:
     void notifyLocked(std::optional<Entry> entry);

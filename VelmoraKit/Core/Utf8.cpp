@@ -1,5 +1,6 @@
 #include "VelmoraKit/Core/Utf8.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace velmora {
@@ -23,6 +24,19 @@ Lead leadOf(std::uint8_t byte) {
     if (byte >= 0xF1 && byte <= 0xF3) return {3};
     if (byte == 0xF4) return {3, 0x80, 0x8F};
     return {};
+}
+
+/// How many bytes at `at` of valid text may not stand in a line as they are; 0: they may.
+std::size_t unprintableAt(std::string_view text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[at + i]); };
+    if (byte(0) < 0x20 || byte(0) == 0x7F) return 1;
+    // U+0080 to U+009F are controls, too: terminals take U+009B for the beginning of a command.
+    if (byte(0) == 0xC2 && byte(1) < 0xA0) return 2;
+    if (byte(0) != 0xE2) return 0;
+    const bool isSeparatorOrEmbedding =
+        byte(1) == 0x80 && byte(2) >= 0xA8 && byte(2) <= 0xAE;                     // U+2028 to U+202E
+    const bool isIsolate = byte(1) == 0x81 && byte(2) >= 0xA6 && byte(2) <= 0xA9;  // U+2066 to U+2069
+    return isSeparatorOrEmbedding || isIsolate ? 3 : 0;
 }
 
 }  // namespace
@@ -62,12 +76,10 @@ std::string printableLine(std::string_view text, std::size_t longest) {
     const std::string valid = repairedUtf8(viewOf(text));
     std::string line;
     line.reserve(valid.size());
-    for (std::size_t i = 0; i < valid.size(); ++i) {
-        const auto byte = static_cast<std::uint8_t>(valid[i]);
-        // U+0080 to U+009F are controls, too: terminals take U+009B for the beginning of a command.
-        const bool isLateControl = byte == 0xC2 && static_cast<std::uint8_t>(valid[i + 1]) < 0xA0;
-        if (isLateControl) ++i;
-        line += byte < 0x20 || byte == 0x7F || isLateControl ? ' ' : valid[i];
+    for (std::size_t i = 0; i < valid.size();) {
+        const std::size_t unprintable = unprintableAt(valid, i);
+        line += unprintable > 0 ? ' ' : valid[i];
+        i += std::max<std::size_t>(unprintable, 1);
     }
     if (isCut) line += "…";
     return line;

@@ -12,8 +12,9 @@ namespace velmora {
 /// not end as one becomes a U+FFFD, as browsers do it.
 std::string repairedUtf8(ByteView bytes);
 
-/// The text for a log or a terminal, whoever wrote it: valid UTF-8, a space for each control character, so
-/// that it stays one line and commands nothing, and no more than about `longest` bytes of it.
+/// The text for a log or a terminal, whoever wrote it: valid UTF-8, a space for each control character, for
+/// each separator of lines and for each change of the direction of writing, so that it stays one line,
+/// commands nothing and turns no neighbour round, and no more than about `longest` bytes of it.
 std::string printableLine(std::string_view text, std::size_t longest);
 
 }  // namespace velmora

@@ -31,6 +31,7 @@ TEST(Utf8Test, aPrintableLineIsOneLineAndCommandsNothing) {
     EXPECT_EQ(printableLine("“Büro” 日本", 100), "“Büro” 日本");
     EXPECT_EQ(printableLine("a\nSERVER  all is well\r\x1b[2J\x7f", 100), "a SERVER  all is well  [2J ");
     EXPECT_EQ(printableLine("a\u009b2Jb\u00a0", 100), "a 2Jb\u00a0");
+    EXPECT_EQ(printableLine("a\u2028b\u2029c\u202ed\u2066e\u2030\u2065", 100), "a b c d e\u2030\u2065");
     EXPECT_EQ(printableLine("\xff", 100), "�");
 }
 
