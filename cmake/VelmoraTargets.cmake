@@ -110,3 +110,20 @@ function(velmora_fuzzer name)
     target_link_libraries(${name} PRIVATE ${ARG_LIBS})
     set_property(GLOBAL APPEND PROPERTY VELMORA_FUZZERS ${name})
 endfunction()
+
+# velmora_wayland_protocol(VARIABLE client|server PATH): code for a protocol of Debian's wayland-protocols, named without
+# `.xml`. VARIABLE gets the sources; <NAME-client-protocol.h> is in the folder's build folder.
+pkg_get_variable(WAYLAND_PROTOCOLS wayland-protocols pkgdatadir)
+find_program(WAYLAND_SCANNER wayland-scanner REQUIRED)
+function(velmora_wayland_protocol variable side path)
+    get_filename_component(name ${path} NAME)
+    set(xml ${WAYLAND_PROTOCOLS}/${path}.xml)
+    set(header ${CMAKE_CURRENT_BINARY_DIR}/${name}-${side}-protocol.h)
+    set(code ${CMAKE_CURRENT_BINARY_DIR}/${name}-protocol.c)
+    add_custom_command(
+        OUTPUT ${header} ${code}
+        COMMAND ${WAYLAND_SCANNER} ${side}-header ${xml} ${header}
+        COMMAND ${WAYLAND_SCANNER} private-code ${xml} ${code}
+        DEPENDS ${xml})
+    set(${variable} ${${variable}} ${header} ${code} PARENT_SCOPE)
+endfunction()

@@ -50,18 +50,20 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
     std::vector<std::string> arguments = {"sh", "-c", "exec \"$@\" " + redirection, "sh"};
     arguments.insert(arguments.end(), command.begin(), command.end());
     const std::string home = place.home.string();
-    ChildProgram::Environment environment = {"HOME=" + home,
-                                             "XDG_CACHE_HOME=" + home + "/cache",
-                                             "XDG_CONFIG_HOME=" + home + "/config",
-                                             "XDG_DATA_HOME=" + home + "/data",
-                                             "XDG_STATE_HOME=" + home + "/state",
-                                             "XDG_RUNTIME_DIR=" + home + "/run",
-                                             "DBUS_SESSION_BUS_ADDRESS=disabled:",
-                                             "VELMORA_SIGNALING=" + place.rendezvous,
-                                             "WAYLAND_DISPLAY",
-                                             "XAUTHORITY",
-                                             "XDG_SESSION_TYPE=x11",
-                                             place.display ? "DISPLAY=" + *place.display : "DISPLAY"};
+    ChildProgram::Environment environment = {
+        "HOME=" + home,
+        "XDG_CACHE_HOME=" + home + "/cache",
+        "XDG_CONFIG_HOME=" + home + "/config",
+        "XDG_DATA_HOME=" + home + "/data",
+        "XDG_STATE_HOME=" + home + "/state",
+        "XDG_RUNTIME_DIR=" + home + "/run",
+        "DBUS_SESSION_BUS_ADDRESS=disabled:",
+        "VELMORA_SIGNALING=" + place.rendezvous,
+        "QT_WAYLAND_DISABLE_WINDOWDECORATION=1",
+        "XAUTHORITY",
+        place.wayland ? "XDG_SESSION_TYPE=wayland" : "XDG_SESSION_TYPE=x11",
+        place.wayland ? "WAYLAND_DISPLAY=" + *place.wayland : "WAYLAND_DISPLAY",
+        place.display ? "DISPLAY=" + *place.display : "DISPLAY"};
     if (auto child = ChildProgram::start(arguments, environment)) child_ = std::move(*child);
 }
 

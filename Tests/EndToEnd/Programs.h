@@ -39,6 +39,7 @@ public:
         std::optional<std::string> display;
         bool takesLines = false;                      // see `tell`
         std::string rendezvous = "ws://127.0.0.1:1";  // nobody: found by address alone
+        std::optional<std::string> wayland{};         // the compositor's socket
     };
     RunningProgram(const std::vector<std::string>& command, const Place& place);
     ~RunningProgram();

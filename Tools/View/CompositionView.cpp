@@ -26,6 +26,7 @@
 #include "Platform/Linux/System/PrivateFile.h"
 #include "Platform/Linux/System/TurboJpegEncoder.h"
 #include "Platform/Linux/Web/QtWebSocket.h"
+#include "Platform/Linux/Window/ShortcutGrabs.h"
 #include "Platform/Linux/Window/X11KeyboardWatch.h"
 #include "Shared/EndpointResolver.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
@@ -65,6 +66,7 @@ public:
                 .main = main_,
                 .client = client_,
                 .keepAwake = keepAwake_,
+                .shortcuts = *shortcuts_,
                 .snapshots = snapshots_,
                 .captures = captures_,
                 .makePainter = [] { return std::make_unique<YuvPicturePainter>(); },
@@ -86,6 +88,7 @@ private:
     JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
     LinuxMachineInfo machine_;
     LinuxKeepAwake keepAwake_{main_};
+    const std::unique_ptr<ShortcutGrab> shortcuts_ = makeShortcutGrab();
     X11Pointer pointer_;
     X11Pasteboard pasteboard_{main_};
     ZipFolderArchiver archiver_;
@@ -121,6 +124,12 @@ void complain(const ConnectionError& error) {
 }  // namespace
 
 int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
+    // Qt would abort.
+    if (!qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariableIsSet("WAYLAND_DISPLAY") &&
+        !qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) {
+        std::cerr << "velmora-view: there is no screen here: neither DISPLAY nor WAYLAND_DISPLAY is set\n";
+        return 1;
+    }
     QuitSignals quitSignals;
     int argc = 1;
     char program[] = "velmora-view";

@@ -38,6 +38,7 @@ void KeyboardCapture::resume() {
 
 void KeyboardCapture::take() {
     if (held_ || suspended_ || !grab_) return;
+    asked_ = true;
     held_ = grab_(true);
     if (held_) {
         retry_.reset();
@@ -58,7 +59,8 @@ void KeyboardCapture::take() {
 void KeyboardCapture::giveBack() {
     retry_.reset();
     tries_ = 0;
-    if (std::exchange(held_, false)) grab_(false);
+    held_ = false;
+    if (std::exchange(asked_, false)) grab_(false);
 }
 
 bool KeyboardCapture::isWayOut(std::uint16_t code, std::uint64_t flags) {

@@ -19,8 +19,8 @@ public:
         std::chrono::milliseconds retry{100};
         int triesBeforeWords = 10;  // until the diary hears that it does not work
     };
-    /// Takes the keyboard (true) or gives it back; false if it could not be had. Not called again after
-    /// `stop`.
+    /// Takes the keyboard (true) or gives it back; false if it could not be had, or not yet. What was asked
+    /// for is given back, granted or not. Not called again after `stop`.
     using Grab = std::function<bool(bool take)>;
     KeyboardCapture(Grab grab, Queue& main, const Parameters& parameters);
     KeyboardCapture(Grab grab, Queue& main) : KeyboardCapture(std::move(grab), main, Parameters{}) {}
@@ -33,6 +33,8 @@ public:
     bool isActive() const { return wanted_; }
     /// Whether they are being taken now.
     bool isHeld() const { return held_; }
+    /// The same, or that has been asked for.
+    bool isAsked() const { return asked_; }
 
     /// The person wants out: given back at once, and not taken again before `setActive` has been false or
     /// `resume` is called.
@@ -50,7 +52,7 @@ private:
     Grab grab_;
     Queue& main_;
     const Parameters parameters_;
-    bool wanted_ = false, held_ = false, suspended_ = false, told_ = false;
+    bool wanted_ = false, asked_ = false, held_ = false, suspended_ = false, told_ = false;
     int tries_ = 0;
     TimerToken retry_;  // while wanted and refused
 };

@@ -248,6 +248,8 @@ void VideoView::leaveEvent(QEvent*) {
 }
 
 bool VideoView::isUnderPointer() const {
+    // Wayland tells a program nothing about a pointer that is elsewhere: Qt goes on giving its last place.
+    if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) return underMouse();
     return isVisible() && rect().contains(mapFromGlobal(QCursor::pos()));
 }
 

@@ -54,7 +54,7 @@ ViewerSession::ViewerSession(ViewerOptions options, Services services)
       shownName_(QString::fromStdString(printableLine(options.name, longestName))),
       slot_(std::make_shared<PictureSlot>(main_)),
       window_(services_.makePainter(), preferences_, main_),
-      keyboard_([this](bool take) { return window_.grabKeys(take); }, main_),
+      keyboard_([this](bool take) { return grabKeys(take); }, main_),
       follower_([this] { return displayRequest(); }, services_.isPointerHeld, main_),
       connection_(std::move(options), connectionServices(), main_, services_.client) {
     if (services_.clipboard) clipboard_.emplace("host", debugLog, *services_.clipboard);
@@ -278,7 +278,7 @@ bool ViewerSession::takeKey(const QKeyEvent& event) {
     if (!streaming_ || closed_) return false;
     if (!keysGoToRemote() && !view.isHeldRemotely(event)) return false;
     if (event.type() == QEvent::ShortcutOverride) return true;
-    if (const auto code = keyCodeOf(event); event.type() == QEvent::KeyPress && keyboard_.isHeld() && code &&
+    if (const auto code = keyCodeOf(event); event.type() == QEvent::KeyPress && keyboard_.isAsked() && code &&
                                             KeyboardCapture::isWayOut(*code, inputFlagsOf(event))) {
         keyboard_.letGo();
         view.releaseEverything();
@@ -286,6 +286,13 @@ bool ViewerSession::takeKey(const QKeyEvent& event) {
     }
     view.forwardKey(event);
     return true;
+}
+
+bool ViewerSession::grabKeys(bool take) {
+    const ShortcutGrab::WindowId id = window_.internalWinId();
+    if (take) return services_.shortcuts.take(id);
+    services_.shortcuts.giveBack(id);
+    return false;
 }
 
 void ViewerSession::updateKeyboardCapture() {

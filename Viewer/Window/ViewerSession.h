@@ -8,6 +8,7 @@
 
 #include "Platform/KeepAwake.h"
 #include "Platform/PicturePainter.h"
+#include "Platform/ShortcutGrab.h"
 #include "Shared/ClipboardSync.h"
 #include "VelmoraKit/Core/Queue.h"
 #include "Viewer/Session/CaptureFiles.h"
@@ -32,6 +33,7 @@ public:
         Queue& main;
         Queue& client;
         KeepAwake& keepAwake;
+        ShortcutGrab& shortcuts;
         FrameSnapshot& snapshots;
         CaptureFiles& captures;
         std::function<std::unique_ptr<PicturePainter>()> makePainter;
@@ -83,6 +85,7 @@ private:
     void captureSaved(const CaptureFiles::Saved& saved);
 
     bool takeKey(const QKeyEvent& event);
+    bool grabKeys(bool take);
     bool keysGoToRemote();
     void updateKeyboardCapture();
     DisplayRequest displayRequest();

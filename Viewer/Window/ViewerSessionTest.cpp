@@ -18,6 +18,7 @@
 #include "Testing/FakePathMonitor.h"
 #include "Testing/FakePicturePainter.h"
 #include "Testing/FakePreferenceStore.h"
+#include "Testing/FakeShortcutGrab.h"
 #include "Testing/FakeVideoDecompressor.h"
 #include "Testing/ScratchFolder.h"
 #include "Testing/ScriptedHost.h"
@@ -45,6 +46,7 @@ protected:
                 .main = main,
                 .client = client,
                 .keepAwake = keepAwake,
+                .shortcuts = shortcuts,
                 .snapshots = snapshots,
                 .captures = captures,
                 .makePainter = [] { return std::make_unique<FakePicturePainter>(); },
@@ -106,6 +108,7 @@ protected:
     FakePathMonitor paths{main};
     FakeVideoDecompressorFactory decompressors;
     FakeKeepAwake keepAwake{main};
+    FakeShortcutGrab shortcuts;
     FakeJpegEncoder jpeg;
     FakePasteboard pasteboard{main};
     FakeFolderArchiver archiver;

@@ -61,11 +61,6 @@ void ViewerWindow::toggleFullScreen() {
     setWindowState(windowState() ^ Qt::WindowFullScreen);
 }
 
-bool ViewerWindow::grabKeys(bool take) {
-    QWindow* const handle = windowHandle();
-    return handle && handle->setKeyboardGrabEnabled(take) && take;
-}
-
 // Where things are
 
 void ViewerWindow::layOut() {

@@ -42,8 +42,6 @@ public:
     /// The part of its screen, or else of the main one, that windows may use.
     QRect visibleFrame() const;
     void toggleFullScreen();
-    /// Takes the keyboard from all others, or gives it back; false if it could not.
-    bool grabKeys(bool take);
 
     static constexpr QSize leastContent{640, 400};
 
