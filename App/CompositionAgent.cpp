@@ -85,7 +85,7 @@ private:
                             .main = main_,
                             .worker = worker_,
                             .rendezvous = rendezvous_}};
-    KnownDevices known_{devices_, keychain_, main_, worker_};
+    KnownDevices known_{devices_};
     // Last: it ends before whatever it posts to.
     std::unique_ptr<NetworkStack> network_ = makeQuicTransportStack(
         [this](const Endpoint& service, auto found) { resolver_.resolve(service, std::move(found)); });

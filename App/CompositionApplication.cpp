@@ -14,16 +14,15 @@
 #include <thread>
 #include <utility>
 
-#include "App/HostApplication.h"
+#include "App/AppDelegate.h"
+#include "App/CompositionShared.h"
+#include "App/ConsoleLines.h"
 #include "App/LauncherWindow.h"
 #include "App/Roles.h"
 #include "Host/InputInjector.h"
 #include "Host/StreamSession.h"
 #include "Platform/Linux/Capture/MakeScreenCapture.h"
-#include "Platform/Linux/Clipboard/X11Pasteboard.h"
-#include "Platform/Linux/Clipboard/ZipFolderArchiver.h"
 #include "Platform/Linux/Codec/VideoCodecFactories.h"
-#include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
 #include "Platform/Linux/Display/X11Displays.h"
 #include "Platform/Linux/Display/XConnection.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
@@ -37,11 +36,9 @@
 #include "Platform/Linux/Secrets/LinuxSecretStore.h"
 #include "Platform/Linux/Secrets/SecretServiceKeyring.h"
 #include "Platform/Linux/System/JsonPreferenceStore.h"
-#include "Platform/Linux/System/LinuxKeepAwake.h"
-#include "Platform/Linux/System/LinuxMachineInfo.h"
 #include "Platform/Linux/System/PrivateFile.h"
 #include "Platform/Linux/System/SystemLog.h"
-#include "Platform/Linux/Web/QtWebSocket.h"
+#include "Platform/Linux/Web/QtHttpClient.h"
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/ProcessCPUSampler.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
@@ -57,47 +54,56 @@ void printLine(const std::string& line) {
     std::fflush(stdout);
 }
 
-/// Everything that a host needs of this system.
-class HostServices {
+/// Everything that the application needs of this system beside what viewer windows stand on.
+class ApplicationServices {
 public:
-    HostServices(Queue& main, const SignalingUrl& rendezvous)
-        : main_(main), rendezvous_(rendezvous), keepAwake_(main), pasteboard_(main) {
+    explicit ApplicationServices(SharedServices& shared)
+        : shared_(shared), main_(shared.main), probes_(*transport_, shared.rendezvous.host(), shared.main) {
         if (qobject_cast<QApplication*>(QCoreApplication::instance()))
-            launcher_ = std::make_unique<LauncherWindow>(main, worker_, DesktopOpener::open);
+            launcher_ = std::make_unique<LauncherWindow>(main_, shared.worker, DesktopOpener::open);
     }
 
     /// What runs ends first, each before what it posts to or has made there; then nothing runs any more, and
     /// the rest may go in any order.
-    ~HostServices() {
+    ~ApplicationServices() {
         transport_.reset();
         quic_.end();
         display_.end();
         input_.end();
         capture_.end();
-        clipboard_.end();
-        worker_.end();
+        shared_.end();
     }
-    HostServices(const HostServices&) = delete;
-    HostServices& operator=(const HostServices&) = delete;
+    ApplicationServices(const ApplicationServices&) = delete;
+    ApplicationServices& operator=(const ApplicationServices&) = delete;
 
-    HostApplication::Services forApplication() {
-        return {.preferences = preferences_,
-                .keychain = keychain_,
-                .worker = worker_,
-                .server = {
-                    .main = main_,
-                    .quic = quic_,
-                    .transport = *transport_,
-                    .discovery = discovery_,
-                    .keepAwake = keepAwake_,
-                    .machine = machine_,
-                    .loadCertificate = [this] { return HostCertificate::load(keys_); },
-                    .machineKind = [this] { return thisMacKind(preferences_, machine_); },
-                    .makeSession = [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }},
-                .rendezvous = rendezvous_,
-                .sockets = sockets_,
-                .probes = probes_,
-                .addresses = addresses_};
+    AppDelegate::Services forDelegate(Alerts& alerts) {
+        return {
+            .preferences = shared_.preferences,
+            .keychain = keychain_,
+            .http = http_,
+            .worker = shared_.worker,
+            .server = {.main = main_,
+                       .quic = quic_,
+                       .transport = *transport_,
+                       .discovery = shared_.discovery,
+                       .keepAwake = shared_.keepAwake,
+                       .machine = shared_.machine,
+                       .loadCertificate = [this] { return HostCertificate::load(keys_); },
+                       .machineKind = [this] { return thisMacKind(shared_.preferences, shared_.machine); },
+                       .makeSession =
+                           [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }},
+            .rendezvous = shared_.rendezvous,
+            .sockets = shared_.sockets,
+            .probes = probes_,
+            .addresses = addresses_,
+            .alerts = alerts,
+            .makeWindows = [](const Windows::Contents&) { return std::make_unique<NoWindows>(); },
+            .openViewerSuite =
+                [] {
+                    return std::make_unique<JsonPreferenceStore>(configFolder() / "com.velmora.viewer.json");
+                },
+            .helpPage = VELMORA_HELP_PAGE,
+            .open = DesktopOpener::open};
     }
 
 private:
@@ -109,16 +115,12 @@ private:
                 .capture = capture_,
                 .display = display_,
                 .input = input_,
-                .keepAwake = keepAwake_,
+                .keepAwake = shared_.keepAwake,
                 .displays = *displays_,
                 .captures = *captures_,
                 .compressors = *compressors_,
                 .makeInput = [this](const InputReceiverOptions& options) { return makeInput(options); },
-                .clipboard = ClipboardSync::Services{.pasteboard = pasteboard_,
-                                                     .archiver = archiver_,
-                                                     .main = main_,
-                                                     .worker = clipboard_,
-                                                     .inbox = cacheFolder() / "Clipboard"},
+                .clipboard = shared_.forClipboard(),
                 .cpuPercent = [this] { return cpu_.sample(); }});
     }
 
@@ -130,35 +132,27 @@ private:
                                                launcher_.get());
     }
 
+    SharedServices& shared_;
     Queue& main_;
-    const SignalingUrl rendezvous_;
-    JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
     SecretServiceKeyring keyring_;
     LinuxSecretStore secrets_{keyring_, LinuxSecretStore::defaultFile()};
     Keychain keychain_{secrets_};
     GnuTlsKeyStore keys_{secrets_, GnuTlsKeyStore::defaultFolder()};
-    LinuxMachineInfo machine_;
-    LinuxKeepAwake keepAwake_;
-    X11Pasteboard pasteboard_;
-    ZipFolderArchiver archiver_;
-    AvahiServiceDiscovery discovery_;
+    QtHttpClient http_;
     LinuxNetworkAddresses addresses_;
-    QtWebSocketFactory sockets_;
     std::unique_ptr<Displays> displays_ = makeDisplays();
     std::unique_ptr<ScreenCaptureFactory> captures_ = makeScreenCaptureFactory();
     std::unique_ptr<VideoCompressorFactory> compressors_ = makeVideoCompressorFactory();
     std::unique_ptr<EventPosterFactory> posters_ = makeEventPosterFactory();
     std::unique_ptr<KeyboardLayout> layout_ = makeKeyboardLayout();
-    ProcessCPUSampler cpu_;  // of the QUIC queue
-    ThreadQueue worker_{"velmora.worker"};
+    ProcessCPUSampler cpu_;                     // of the QUIC queue
     std::unique_ptr<LauncherWindow> launcher_;  // none without a display
-    ThreadQueue clipboard_{"velmora.files"};
     ThreadQueue input_{"velmora.input"};
     ThreadQueue display_{"velmora.display"};
     ThreadQueue capture_{"velmora.capture"};
     ThreadQueue quic_{"velmora.quic"};
     std::unique_ptr<NetworkStack> transport_ = makeQuicTransportStack();
-    UdpProbes probes_{*transport_, rendezvous_.host(), main_};
+    UdpProbes probes_;
 };
 
 /// Qt ends the process from within when the X server goes away; this still runs then, on the main thread.
@@ -192,17 +186,19 @@ int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
     QtMainQueue main;
     SystemLog::install();
 
-    HostServices services(main, rendezvous);
-    HostApplication application(services.forApplication());
-    application.onLine = printLine;
-    application.onQuit = [] { QCoreApplication::quit(); };
-    quitSignals.deliver(main, [&application] { application.quit(); });
-    farewell = [&application] {
-        application.quit();
-        std::this_thread::sleep_for(HostApplication::goodbyeTime);
+    SharedServices shared(main, rendezvous);
+    ApplicationServices services(shared);
+    ConsoleLines lines(printLine);
+    AppDelegate delegate(services.forDelegate(lines));
+    delegate.onQuit = [] { QCoreApplication::quit(); };
+    quitSignals.deliver(main, [&delegate] { delegate.quit(); });
+    farewell = [&delegate] {
+        delegate.leave();
+        std::this_thread::sleep_for(AppDelegate::goodbyeTime);
     };
     std::atexit(takeLeave);
-    application.start();
+    delegate.start();
+    lines.follow(delegate.identity(), delegate.menuModel());
     const int code = QCoreApplication::exec();
     farewell = nullptr;
     quitSignals.stop();

@@ -73,6 +73,7 @@ public:
     /// To be called after a change of `settings`.
     void updateKeepAwake();
 
+    bool hasListener() const { return listener_ != nullptr; }
     /// The viewer being streamed to.
     const std::optional<std::string>& connectedViewerName() const { return connectedViewerName_; }
     /// The certificate's, once it has been read.

@@ -224,6 +224,19 @@ void RemoteDevices::savePassword(const SavedDevice& device, const std::string& p
     });
 }
 
+void RemoteDevices::readPassword(const Device& device,
+                                 UniqueFunction<void(std::optional<std::string>)> done) {
+    auto answer = liveness_.guard(
+        [done = std::move(done)](std::optional<std::string> password) mutable { done(std::move(password)); });
+    services_.worker.post([&keychain = services_.keychain, &main = services_.main, account = device.id,
+                           answer = std::move(answer)]() mutable {
+        auto password = keychain.read(Keychain::devicesService, account);
+        main.post([password = std::move(password), answer = std::move(answer)]() mutable {
+            answer(std::move(password));
+        });
+    });
+}
+
 void RemoteDevices::remove(const Device& device) {
     assertOn(services_.main);
     if (const auto* endpoint = std::get_if<Endpoint>(&device.target)) {

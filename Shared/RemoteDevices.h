@@ -18,6 +18,7 @@
 #include "Shared/NameOrder.h"
 #include "Shared/ObserverList.h"
 #include "VelmoraKit/Core/Queue.h"
+#include "VelmoraKit/Core/UniqueFunction.h"
 #include "VelmoraKit/Signaling/SignalingUrl.h"
 #include "VelmoraKit/Transport/Endpoint.h"
 
@@ -83,6 +84,9 @@ public:
     /// password only the digits count: nine and six of them, or nothing is done and there is no device.
     /// Without a name it is called by its ID.
     std::optional<Device> add(const std::string& name, std::string_view hostID, std::string_view password);
+    /// The saved password, behind those that were given just now; none for whatever reason. `done` is called
+    /// unless we are gone by then.
+    void readPassword(const Device& device, UniqueFunction<void(std::optional<std::string>)> done);
     /// Forgets a saved machine, and what is remembered of a found one.
     void remove(const Device& device);
     /// Asks the rendezvous service about the saved machines. Without an answer all stays as it is.

@@ -1,6 +1,3 @@
-// Builds viewer windows out of this system's services. Order is ownership: what is declared later uses what
-// stands above it, and goes first.
-
 #include "Tools/View/CompositionView.h"
 
 #include <QApplication>
@@ -9,108 +6,18 @@
 #include <memory>
 #include <utility>
 
-#include "Platform/Linux/Clipboard/X11Pasteboard.h"
-#include "Platform/Linux/Clipboard/ZipFolderArchiver.h"
-#include "Platform/Linux/Codec/VideoCodecFactories.h"
-#include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
-#include "Platform/Linux/Display/X11Pointer.h"
+#include "App/CompositionViewer.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
 #include "Platform/Linux/EventLoop/QuitSignals.h"
-#include "Platform/Linux/Network/QuicTransportStack.h"
-#include "Platform/Linux/Painting/YuvPicturePainter.h"
-#include "Platform/Linux/System/JsonPreferenceStore.h"
-#include "Platform/Linux/System/LinuxKeepAwake.h"
-#include "Platform/Linux/System/LinuxMachineInfo.h"
-#include "Platform/Linux/System/NetworkManagerPathMonitor.h"
-#include "Platform/Linux/System/PngFile.h"
-#include "Platform/Linux/System/PrivateFile.h"
-#include "Platform/Linux/System/TurboJpegEncoder.h"
-#include "Platform/Linux/Web/QtWebSocket.h"
-#include "Platform/Linux/Window/ShortcutGrabs.h"
 #include "Platform/Linux/Window/X11KeyboardWatch.h"
-#include "Shared/EndpointResolver.h"
-#include "VelmoraKit/Core/ThreadQueue.h"
 #include "VelmoraKit/Core/Utf8.h"
-#include "VelmoraKit/Transport/UdpProbes.h"
-#include "Viewer/Session/SignalingRendezvousPath.h"
 #include "Viewer/Window/Appearance.h"
-#include "Viewer/Window/DesktopFolders.h"
 #include "Viewer/Window/Logo.h"
 #include "Viewer/Window/ViewerSession.h"
 
 namespace velmora {
 
 namespace {
-
-class ViewServices {
-public:
-    ViewServices(Queue& main, const SignalingUrl& rendezvous) : main_(main), rendezvous_(rendezvous) {}
-    /// What runs ends before what it uses goes.
-    ~ViewServices() {
-        network_.reset();
-        client_.end();
-        files_.end();
-        worker_.end();
-        preferences_.flush();
-    }
-    ViewServices(const ViewServices&) = delete;
-    ViewServices& operator=(const ViewServices&) = delete;
-
-    ViewerSession::Services forSession() {
-        return {.connection = {.transport = *network_,
-                               .preferences = preferences_,
-                               .paths = paths_,
-                               .decompressors = *decompressors_,
-                               .makeRendezvousPath = SignalingRendezvousPath::factory(
-                                   rendezvous_, {sockets_, probes_, preferences_, main_})},
-                .main = main_,
-                .client = client_,
-                .keepAwake = keepAwake_,
-                .shortcuts = *shortcuts_,
-                .snapshots = snapshots_,
-                .captures = captures_,
-                .makePainter = [] { return std::make_unique<YuvPicturePainter>(); },
-                .statsFolder = stateFolder() / "stats",
-                .isPointerHeld = [this] { return pointer_.isButtonHeld(); },
-                .revealFile = DesktopFolders::reveal,
-                .clipboard = ClipboardSync::Services{.pasteboard = pasteboard_,
-                                                     .archiver = archiver_,
-                                                     .main = main_,
-                                                     .worker = files_,
-                                                     .inbox = cacheFolder() / "Clipboard"}};
-    }
-    std::string clientName() const { return machine_.localizedName(); }
-    const PreferenceStore& preferences() const { return preferences_; }
-
-private:
-    Queue& main_;
-    const SignalingUrl rendezvous_;
-    JsonPreferenceStore preferences_{JsonPreferenceStore::defaultFile()};
-    LinuxMachineInfo machine_;
-    LinuxKeepAwake keepAwake_{main_};
-    const std::unique_ptr<ShortcutGrab> shortcuts_ = makeShortcutGrab();
-    X11Pointer pointer_;
-    X11Pasteboard pasteboard_{main_};
-    ZipFolderArchiver archiver_;
-    NetworkManagerPathMonitor paths_{main_};
-    AvahiServiceDiscovery discovery_;
-    EndpointResolver resolver_{discovery_, main_};
-    QtWebSocketFactory sockets_;
-    std::unique_ptr<VideoDecompressorFactory> decompressors_ = makeVideoDecompressorFactory();
-    TurboJpegEncoder jpeg_{TurboJpegEncoder::rough};
-    ThreadQueue worker_{"velmora.worker"};
-    ThreadQueue files_{"velmora.files"};
-    ThreadQueue client_{"velmora.quic.client"};
-    FrameSnapshot snapshots_{cacheFolder() / "LastFrames", jpeg_, worker_};
-    CaptureFiles captures_{{.preferences = preferences_,
-                            .main = main_,
-                            .worker = worker_,
-                            .writePng = writePng,
-                            .systemFolder = DesktopFolders::screenshots}};
-    std::unique_ptr<NetworkStack> network_ = makeQuicTransportStack(
-        [this](const Endpoint& service, auto found) { resolver_.resolve(service, std::move(found)); });
-    UdpProbes probes_{*network_, rendezvous_.host(), main_};
-};
 
 /// A host chooses some of these words.
 void complain(const ConnectionError& error) {
@@ -137,14 +44,15 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     QtMainQueue main;
-    ViewServices services(main, rendezvous);
+    SharedServices shared(main, rendezvous);
+    ViewerServices services(shared);
     introduceApplication();
-    Appearance::apply(ThemePreferences::saved(services.preferences()));
+    Appearance::apply(ThemePreferences::saved(shared.preferences));
 
     int status = 0;
     std::list<std::unique_ptr<ViewerSession>> sessions;
     for (ViewerOptions host : options.hosts) {
-        host.clientName = services.clientName();
+        host.clientName = shared.machine.localizedName();
         auto& session =
             *sessions.emplace_back(std::make_unique<ViewerSession>(std::move(host), services.forSession()));
         session.onClose = [&,
