@@ -39,6 +39,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
     static int count = 0;
     const int number = ++count;
     std::filesystem::create_directories(place.home / "run");
+    std::filesystem::permissions(place.home / "run", std::filesystem::perms::owner_all);
     output_ = place.home / fmt::format("output-{}", number);
     std::string redirection = fmt::format(">'{}' 2>&1", output_.string());
     if (place.takesLines) {
@@ -64,6 +65,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
         place.wayland ? "XDG_SESSION_TYPE=wayland" : "XDG_SESSION_TYPE=x11",
         place.wayland ? "WAYLAND_DISPLAY=" + *place.wayland : "WAYLAND_DISPLAY",
         place.display ? "DISPLAY=" + *place.display : "DISPLAY"};
+    environment.insert(environment.end(), place.environment.begin(), place.environment.end());
     if (auto child = ChildProgram::start(arguments, environment)) child_ = std::move(*child);
 }
 

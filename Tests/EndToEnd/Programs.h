@@ -40,6 +40,7 @@ public:
         bool takesLines = false;                      // see `tell`
         std::string rendezvous = "ws://127.0.0.1:1";  // nobody: found by address alone
         std::optional<std::string> wayland{};         // the compositor's socket
+        std::vector<std::string> environment{};       // "NAME=value", beside what the rest says
     };
     RunningProgram(const std::vector<std::string>& command, const Place& place);
     ~RunningProgram();
@@ -54,6 +55,7 @@ public:
     /// A line for its standard input.
     void tell(const std::string& line);
 
+    pid_t pid() const { return child_->pid(); }
     void signal(int number) { child_->signal(number); }
     bool isRunning() { return child_ && !child_->waitForExit(std::chrono::milliseconds(0)); }
     /// Waits for its end: the exit status, or none if it goes on.

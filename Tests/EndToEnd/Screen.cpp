@@ -90,6 +90,25 @@ std::optional<ScreenImage> screenshotOf(XTestClient& client, const PixelRect& re
     return image;
 }
 
+PixelRect whereIs(std::uint32_t color, const ScreenImage& image) {
+    const auto part = [](std::uint32_t pixel, int shift) { return static_cast<int>(pixel >> shift & 255); };
+    const auto isIt = [&](std::uint32_t pixel) {
+        return std::abs(part(pixel, 16) - part(color, 16)) < 12 &&
+               std::abs(part(pixel, 8) - part(color, 8)) < 12 &&
+               std::abs(part(pixel, 0) - part(color, 0)) < 12;
+    };
+    int left = image.size.width, top = image.size.height, right = -1, bottom = -1;
+    auto pixel = image.pixels.begin();
+    for (int y = 0; y < image.size.height; ++y) {
+        for (int x = 0; x < image.size.width; ++x, ++pixel) {
+            if (!isIt(*pixel)) continue;
+            left = std::min(left, x), right = std::max(right, x);
+            top = std::min(top, y), bottom = std::max(bottom, y);
+        }
+    }
+    return right < 0 ? PixelRect{} : PixelRect{left, top, right - left + 1, bottom - top + 1};
+}
+
 std::optional<ScreenImage> readPng(const std::filesystem::path& file) {
     png_image header{};
     header.version = PNG_IMAGE_VERSION;

@@ -26,6 +26,10 @@ void show(XTestClient& client, const ScreenImage& image, int x = 0, int y = 0);
 /// What the server shows there; none if it does not say.
 std::optional<ScreenImage> screenshotOf(XTestClient& client, const PixelRect& rect);
 
+/// What spans all that has this colour, 0xRRGGBB, or nearly: video does not keep colours. Empty if nothing
+/// has.
+PixelRect whereIs(std::uint32_t color, const ScreenImage& image);
+
 /// None if the file is no image.
 std::optional<ScreenImage> readPng(const std::filesystem::path& file);
 

@@ -4,6 +4,7 @@
 
 #include "Testing/XInputWindow.h"
 #include "Tests/EndToEnd/EndToEndTest.h"
+#include "Tests/EndToEnd/Person.h"
 
 namespace velmora {
 namespace {
@@ -20,17 +21,14 @@ class ViewerWindowEndToEnd : public EndToEndTest {
 protected:
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(startServer(XServerFixture::Kind::xvfb, hostSize));
-        viewerServer_ = std::make_unique<XServerFixture>(XServerFixture::Options{.size = viewerSize});
-        ASSERT_TRUE(viewerServer_->ok()) << viewerServer_->error();
-        viewerScreen_ = std::make_unique<XTestClient>(viewerServer_->display());
-        windowManager_ = onViewer({"openbox"});
+        person_ = std::make_unique<Person>(Person::Options{.home = homeOf("viewer"), .screen = viewerSize});
+        ASSERT_EQ(person_->error(), "");
         host_ = startHost();
         hostWindow_ = std::make_unique<XInputWindow>(server().display());
         ASSERT_TRUE(hostWindow_->ok());
     }
     std::unique_ptr<RunningProgram> onViewer(const std::vector<std::string>& command) {
-        return std::make_unique<RunningProgram>(
-            command, RunningProgram::Place{.home = homeOf("viewer"), .display = viewerServer_->display()});
+        return person_->start(command);
     }
     void openWindow() {
         paintHost();
@@ -56,31 +54,12 @@ protected:
     }
     /// Whether the viewer's screen shows the host's at its own size; `place_` is then where.
     bool findPicture() {
-        const auto image = screenshotOf(*viewerScreen_, {0, 0, viewerSize.width, viewerSize.height});
-        if (!image) return false;
-        const auto isPicture = [](std::uint32_t pixel) {
-            const auto part = [](std::uint32_t p, int shift) { return static_cast<int>(p >> shift & 255); };
-            return std::ranges::all_of(std::vector{0, 8, 16}, [&](int shift) {
-                return std::abs(part(pixel, shift) - part(picture, shift)) < 12;
-            });
-        };
-        int left = viewerSize.width, top = viewerSize.height, right = -1, bottom = -1;
-        for (int y = 0; y < viewerSize.height; ++y) {
-            for (int x = 0; x < viewerSize.width; ++x) {
-                if (!isPicture(image->pixels[static_cast<std::size_t>(y * viewerSize.width + x)])) continue;
-                left = std::min(left, x), right = std::max(right, x);
-                top = std::min(top, y), bottom = std::max(bottom, y);
-            }
-        }
-        place_ = {left, top, right - left + 1, bottom - top + 1};
+        const auto image = person_->screenshot();
+        place_ = image ? whereIs(picture, *image) : PixelRect{};
         return place_.width == hostSize.width && place_.height == hostSize.height;
     }
     /// The person's hands.
-    void use(std::vector<std::string> what) {
-        what.insert(what.begin(), "xdotool");
-        auto hands = onViewer(what);
-        ASSERT_EQ(hands->end(within(20)), 0) << hands->said();
-    }
+    void use(const std::vector<std::string>& what) { ASSERT_TRUE(person_->use(what)); }
     bool hostSees(Kind kind, std::uint8_t detail, int times = 1) {
         return hostWindow_->waitUntil([&](const Events& events) {
             return std::ranges::count_if(events, [&](const Event& event) {
@@ -91,9 +70,8 @@ protected:
 
     static constexpr PixelSize hostSize{1000, 640};
     static constexpr PixelSize viewerSize{1178, 754};  // whose window shows the host's screen at its own size
-    std::unique_ptr<XServerFixture> viewerServer_;
-    std::unique_ptr<XTestClient> viewerScreen_;
-    std::unique_ptr<RunningProgram> windowManager_, host_, viewer_;
+    std::unique_ptr<Person> person_;
+    std::unique_ptr<RunningProgram> host_, viewer_;
     std::unique_ptr<XInputWindow> hostWindow_;
     PixelRect place_;
 };
@@ -147,6 +125,37 @@ TEST_F(ViewerWindowEndToEnd, nothingStaysDownWhenAnotherWindowTakesTheKeys) {
     EXPECT_FALSE(hostWindow_->isAnythingDown());
     use({"keyup", "a", "keyup", "alt"});
     EXPECT_FALSE(hostWindow_->isAnythingDown());
+}
+
+/// Each control says what it is, and does it when it is pressed where it says that it stands.
+TEST_F(ViewerWindowEndToEnd, theToolbarIsFoundByNamesAndDoesWhatTheySay) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    EXPECT_TRUE(person_->sees(*viewer_, "label", "Local network")) << person_->describe(*viewer_);
+    EXPECT_THAT(person_->namelessControls(*viewer_), testing::IsEmpty());
+
+    ASSERT_TRUE(person_->press(*viewer_, "push button", "Zoom in"));
+    EXPECT_TRUE(person_->sees(*viewer_, "slider", "Zoom",
+                              [](const Control& slider) { return slider.value.starts_with("150"); }));
+    ASSERT_TRUE(person_->press(*viewer_, "push button", "Zoom out"));
+    EXPECT_TRUE(person_->sees(*viewer_, "push button", "Zoom out",
+                              [](const Control& button) { return !button.isEnabled; }));
+    ASSERT_TRUE(person_->press(*viewer_, "push button", "Screenshot"));
+    EXPECT_TRUE(eventually([&] {
+        const auto files = std::filesystem::directory_iterator(homeOf("viewer"));
+        return std::ranges::any_of(files, [](const auto& file) { return file.path().extension() == ".png"; });
+    }));
+    const auto stats = person_->find(*viewer_, "check box", "Stats");
+    ASSERT_TRUE(stats);
+    ASSERT_TRUE(person_->press(*viewer_, "check box", "Stats"));
+    EXPECT_TRUE(person_->sees(*viewer_, "check box", "Stats",
+                              [](const Control& button) { return button.isChecked; }));
+    ASSERT_TRUE(person_->press(*viewer_, "push button", "Full Screen"));
+    use({"mousemove", std::to_string(viewerSize.width / 2), std::to_string(viewerSize.height / 2)});
+    EXPECT_TRUE(person_->seesNoMore(*viewer_, "check box", "Stats"));
+    use({"mousemove", std::to_string(viewerSize.width / 2), "0"});
+    ASSERT_TRUE(person_->press(*viewer_, "push button", "Full Screen"));
+    EXPECT_TRUE(person_->sees(*viewer_, "check box", "Stats",
+                              [&](const Control& button) { return button.place == stats->place; }));
 }
 
 TEST_F(ViewerWindowEndToEnd, closingItFreesTheHostAndAWrongPasswordEndsIt) {

@@ -83,7 +83,7 @@ ViewerToolbar::ViewerToolbar(QWidget* parent) : QWidget(parent) {
 
     dot_ = new StatusDot(this);
     status_ = new QLabel(this);
-    status_->setAccessibleName(QStringLiteral("Status"));
+    status_->setAccessibleDescription(QStringLiteral("Status"));
     status_->setTextFormat(Qt::PlainText);
     row->addWidget(dot_);
     row->addSpacing(grid / 2);
