@@ -14,7 +14,7 @@ using Kind = Event::Kind;
 using Events = std::vector<Event>;
 
 constexpr std::uint32_t picture = 0xC03020;  // the host's screen, where nothing else is
-constexpr std::uint8_t aKey = 38, tabKey = 23, altKey = 64, wheelUp = 4;
+constexpr std::uint8_t aKey = 38, wKey = 25, tabKey = 23, altKey = 64, wheelUp = 4;
 
 /// A window on a host: the built viewer on a screen of its own, with a window manager and a person's hands.
 class ViewerWindowEndToEnd : public EndToEndTest {
@@ -105,6 +105,8 @@ TEST_F(ViewerWindowEndToEnd, theDesktopsOwnShortcutsGoToTheHostUntilThePersonWan
         return std::ranges::any_of(
             seen, [](const Event& event) { return event.kind == Kind::keyDown && event.detail == tabKey; });
     }));
+    use({"key", "ctrl+w"});  // so do the keys of the window's own menu
+    ASSERT_TRUE(hostSees(Kind::keyUp, wKey));
     use({"key", "ctrl+alt+shift+Escape"});
     EXPECT_FALSE(hostWindow_->isAnythingDown());
     hostWindow_->take();
@@ -113,6 +115,8 @@ TEST_F(ViewerWindowEndToEnd, theDesktopsOwnShortcutsGoToTheHostUntilThePersonWan
     const Events after = hostWindow_->take();
     EXPECT_TRUE(std::ranges::none_of(after, [](const Event& event) { return event.detail == tabKey; }));
     EXPECT_FALSE(hostWindow_->isAnythingDown());
+    use({"key", "ctrl+w"});
+    EXPECT_TRUE(eventually([&] { return !viewer_->isRunning(); }, within(20)));
 }
 
 TEST_F(ViewerWindowEndToEnd, nothingStaysDownWhenAnotherWindowTakesTheKeys) {

@@ -13,6 +13,7 @@
 #include "VelmoraKit/Core/Utf8.h"
 #include "Viewer/Window/Appearance.h"
 #include "Viewer/Window/Logo.h"
+#include "Viewer/Window/MainMenu.h"
 #include "Viewer/Window/ViewerSession.h"
 
 namespace velmora {
@@ -55,6 +56,7 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
         host.clientName = shared.machine.localizedName();
         auto& session =
             *sessions.emplace_back(std::make_unique<ViewerSession>(std::move(host), services.forSession()));
+        session.window().setMenuBar(*new MainMenu(session, {.quit = [] { QCoreApplication::quit(); }}));
         session.onClose = [&,
                            place = std::prev(sessions.end())](const std::optional<ConnectionError>& error) {
             if (error) {

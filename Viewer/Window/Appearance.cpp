@@ -1,8 +1,10 @@
 #include "Viewer/Window/Appearance.h"
 
 #include <QApplication>
+#include <QPainter>
 #include <QPalette>
 #include <QProxyStyle>
+#include <QStyleOption>
 #include <QWidget>
 
 namespace velmora::Appearance {
@@ -13,7 +15,7 @@ bool isDark(const QPalette& palette) {
     return palette.color(QPalette::Window).lightness() < 128;
 }
 
-/// Fusion, with plain words on buttons.
+/// Fusion, with plain words on buttons and some air in menu bars; menus are ours.
 class Style final : public QProxyStyle {
 public:
     Style() : QProxyStyle(QStringLiteral("Fusion")) {}
@@ -21,6 +23,23 @@ public:
                   QStyleHintReturn* result) const override {
         if (hint == SH_DialogButtonBox_ButtonsHaveIcons) return 0;
         return QProxyStyle::styleHint(hint, option, widget, result);
+    }
+    /// Menus as raised areas with an edge: Fusion's can hardly be told from a dark window below them.
+    void drawPrimitive(PrimitiveElement element, const QStyleOption* option, QPainter* painter,
+                       const QWidget* widget) const override {
+        if (element != PE_PanelMenu) return QProxyStyle::drawPrimitive(element, option, painter, widget);
+        QColor edge = option->palette.color(QPalette::WindowText);
+        edge.setAlphaF(0.25F);
+        painter->save();
+        painter->setPen(edge);
+        painter->setBrush(option->palette.button());
+        painter->drawRect(option->rect.adjusted(0, 0, -1, -1));
+        painter->restore();
+    }
+    int pixelMetric(PixelMetric metric, const QStyleOption* option, const QWidget* widget) const override {
+        if (metric == PM_MenuBarHMargin) return grid / 2;
+        if (metric == PM_MenuBarVMargin) return grid / 4;
+        return QProxyStyle::pixelMetric(metric, option, widget);
     }
 };
 

@@ -43,24 +43,6 @@ constexpr CaretKey caretKeys[] = {
 constexpr int firstSpecialKey = 0x01000000;  // below it Qt's keys are characters
 constexpr quint32 lockMask = 2;              // of X11's modifier state, which other platforms repeat
 
-bool isModifierKey(int key) {
-    switch (key) {
-        case Qt::Key_Shift:
-        case Qt::Key_Control:
-        case Qt::Key_Meta:
-        case Qt::Key_Alt:
-        case Qt::Key_AltGr:
-        case Qt::Key_CapsLock:
-        case Qt::Key_NumLock:
-        case Qt::Key_ScrollLock:
-        case Qt::Key_Super_L:
-        case Qt::Key_Super_R:
-            return true;
-        default:
-            return false;
-    }
-}
-
 /// The one character of `text` that a key may stand for.
 QString typeable(const QString& text) {
     const auto scalars = text.toUcs4();
@@ -127,8 +109,26 @@ std::optional<std::uint16_t> keyCodeOf(const QKeyEvent& event) {
     return macKeyFromEvdev(static_cast<std::uint16_t>(event.nativeScanCode() - x11Offset));
 }
 
+bool KeyCharacters::isModifier(int key) {
+    switch (key) {
+        case Qt::Key_Shift:
+        case Qt::Key_Control:
+        case Qt::Key_Meta:
+        case Qt::Key_Alt:
+        case Qt::Key_AltGr:
+        case Qt::Key_CapsLock:
+        case Qt::Key_NumLock:
+        case Qt::Key_ScrollLock:
+        case Qt::Key_Super_L:
+        case Qt::Key_Super_R:
+            return true;
+        default:
+            return false;
+    }
+}
+
 KeyCharacters::Press KeyCharacters::take(const QKeyEvent& event) {
-    if (isModifierKey(event.key())) return {};
+    if (isModifier(event.key())) return {};
     if (findDeadKey(event.key())) return takeDeadKey(event.key());
     const DeadKey* const dead = findDeadKey(std::exchange(pending_, 0));
     const QString text = charactersOf(event);

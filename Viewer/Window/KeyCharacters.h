@@ -28,6 +28,8 @@ public:
         bool waits = false;                     // nothing is to be sent yet
     };
     Press take(const QKeyEvent& event);
+    /// Whether `key` (Qt's) only changes what others do.
+    static bool isModifier(int key);
     /// A dead key that waits is forgotten.
     void reset() { pending_ = 0; }
 

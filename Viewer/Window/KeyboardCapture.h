@@ -40,6 +40,8 @@ public:
     /// `resume` is called.
     void letGo();
     void resume();
+    /// Since `letGo`, until it is taken again or no longer wanted.
+    bool isSuspended() const { return suspended_; }
     /// Ctrl+Alt+Shift+Escape, by the wire's code and flags.
     static bool isWayOut(std::uint16_t code, std::uint64_t flags);
 

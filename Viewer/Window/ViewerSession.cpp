@@ -113,15 +113,16 @@ void ViewerSession::prepareWindow() {
 
     ViewerToolbar& toolbar = window_.toolbar();
     toolbar.onSelectDisplay = [this](std::optional<std::uint32_t> id) { selectDisplay(id); };
-    toolbar.onZoom = [this](double zoom) { window_.view().setZoom(zoom); };
-    toolbar.onScreenshot = [this] { takeScreenshot(); };
-    toolbar.onToggleStats = [this] {
-        preferences_.set(PreferenceKeys::showStatsOverlay, !StatsPreferences::showOverlay(preferences_));
+    toolbar.onZoom = [this](double zoom) {
+        window_.view().setZoom(zoom);
+        stateChanged();
     };
+    toolbar.onScreenshot = [this] { takeScreenshot(); };
+    toolbar.onToggleStats = [this] { toggleStats(); };
     toolbar.onShowDebugLog = services_.showDebugLog;
     toolbar.onToggleFullScreen = [this] { window_.toggleFullScreen(); };
     toolbar.showWhatWorks();
-    toolbar.setStatsShown(StatsPreferences::showOverlay(preferences_));
+    toolbar.setStatsShown(showsStats());
     window_.toast().reveal = services_.revealFile;
 
     window_.connecting().setSnapshot(
@@ -138,10 +139,14 @@ void ViewerSession::listenToWindow() {
         if (!closed_) follower_.windowChanged();
     };
     window_.onActiveChanged = [this] { windowActiveChanged(); };
+    window_.onMenuChanged = [this] { menuChanged(); };
     window_.onClose = [this] { closedByPerson(); };
     window_.onKey = [this](const QKeyEvent& event) { return takeKey(event); };
     window_.view().onMouseInsideChanged = [this](bool) { updateKeyboardCapture(); };
-    window_.view().onPress = [this] { keyboard_.resume(); };
+    window_.view().onPress = [this] {
+        keyboard_.resume();
+        window_.hideBars();
+    };
     window_.view().input().onInput = [this](const InputEvent& event) { connection_.sendInput(event); };
     slot_->onPicture = [this](SharedPicture picture) {
         if (!closed_) window_.view().showPicture(std::move(picture));
@@ -195,6 +200,7 @@ void ViewerSession::streamChanged(PixelSize size, bool dynamic) {
     if (!dynamic || !wasFollowing) follower_.setFollowing(false);
     follower_.setFollowing(dynamic);
     window_.setWindowTitle(shownName_);
+    stateChanged();
 }
 
 void ViewerSession::startClipboard() {
@@ -215,6 +221,7 @@ void ViewerSession::fitWindowTo(PixelSize size) {
 }
 
 void ViewerSession::showDisplays(const DisplayList& list) {
+    displays_ = list;
     window_.toolbar().update(list);
     if (streaming_) window_.connecting().hide();
 }
@@ -229,10 +236,18 @@ void ViewerSession::showStats(const ViewerStats::Snapshot& snapshot) {
     if (statsLog_) statsLog_->append(snapshot.csvRow);
 }
 
+void ViewerSession::toggleStats() {
+    preferences_.set(PreferenceKeys::showStatsOverlay, !showsStats());
+}
+
+bool ViewerSession::showsStats() const {
+    return StatsPreferences::showOverlay(preferences_);
+}
+
 void ViewerSession::updateStatsOverlay() {
-    const bool wanted = StatsPreferences::showOverlay(preferences_);
-    window_.toolbar().setStatsShown(wanted);
-    window_.stats().setVisible(streaming_ && wanted);
+    window_.toolbar().setStatsShown(showsStats());
+    window_.stats().setVisible(streaming_ && showsStats());
+    stateChanged();
 }
 
 void ViewerSession::selectDisplay(std::optional<std::uint32_t> id) {
@@ -275,13 +290,16 @@ bool ViewerSession::keysGoToRemote() {
 
 bool ViewerSession::takeKey(const QKeyEvent& event) {
     VideoView& view = window_.view();
-    if (!streaming_ || closed_) return false;
+    if (!streaming_ || closed_ || window_.isMenuOpen()) return false;
     if (!keysGoToRemote() && !view.isHeldRemotely(event)) return false;
-    if (event.type() == QEvent::ShortcutOverride) return true;
+    // Whoever asked for a way out can use this window's own keys; no modifier alone opens a menu.
+    if (event.type() == QEvent::ShortcutOverride)
+        return !keyboard_.isSuspended() || KeyCharacters::isModifier(event.key());
     if (const auto code = keyCodeOf(event); event.type() == QEvent::KeyPress && keyboard_.isAsked() && code &&
                                             KeyboardCapture::isWayOut(*code, inputFlagsOf(event))) {
         keyboard_.letGo();
         view.releaseEverything();
+        window_.showBars();
         return true;
     }
     view.forwardKey(event);
@@ -302,7 +320,18 @@ void ViewerSession::updateKeyboardCapture() {
         view.setMouseInside(!view.isMouseInside());  // which comes back here
         return;
     }
-    keyboard_.setActive(streaming_ && !closed_ && isKey && keysGoToRemote());
+    // A menu takes the keyboard for itself; a person who wanted out still does when it closes.
+    const bool menuHasKeys = window_.isMenuOpen() && !keyboard_.isSuspended();
+    keyboard_.setActive(streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys);
+}
+
+void ViewerSession::menuChanged() {
+    if (window_.isMenuOpen() && !closed_) window_.view().releaseKeys();
+    updateKeyboardCapture();
+}
+
+void ViewerSession::stateChanged() {
+    if (const auto notify = onStateChanged) notify();
 }
 
 void ViewerSession::windowActiveChanged() {
@@ -363,6 +392,7 @@ void ViewerSession::tearDown() {
     preferenceObservation_.reset();
     keyboard_.stop();
     if (clipboard_) clipboard_->stop();
+    stateChanged();
 }
 
 }  // namespace velmora

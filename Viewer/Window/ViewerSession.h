@@ -52,13 +52,24 @@ public:
     /// Once, as the last thing done: it may destroy the session. None: the person closed the window.
     std::function<void(const std::optional<ConnectionError>&)> onClose;
 
-    /// Shows the window and connects.
+    /// Shows the window, with a menu bar if it has been given one, and connects.
     void start();
 
+    /// What a menu says has changed: whether there is a picture, its zoom, or what is shown over it.
+    std::function<void()> onStateChanged;
+
     void takeScreenshot();
+    /// In all windows: it is one setting.
+    void toggleStats();
+    bool showsStats() const;
     void zoomIn() { window_.toolbar().zoomIn(); }
     void zoomOut() { window_.toolbar().zoomOut(); }
     void resetZoom() { window_.toolbar().resetZoom(); }
+    bool isZoomed() const { return window_.toolbar().zoom() > PictureGeometry::leastZoom; }
+    /// What the host has to choose from; none: it has not told yet.
+    const std::optional<DisplayList>& displays() const { return displays_; }
+    /// None: a virtual display that follows the window.
+    void selectDisplay(std::optional<std::uint32_t> id);
 
     /// Somebody else has the keyboard now, though the window keeps the focus: what is held comes up there.
     void keyboardTaken() { window_.view().releaseKeys(); }
@@ -81,7 +92,6 @@ private:
     void showDisplays(const DisplayList& list);
     void showStats(const ViewerStats::Snapshot& snapshot);
     void updateStatsOverlay();
-    void selectDisplay(std::optional<std::uint32_t> id);
     void captureSaved(const CaptureFiles::Saved& saved);
 
     bool takeKey(const QKeyEvent& event);
@@ -92,6 +102,8 @@ private:
     void tellScreenBeat();
 
     void windowActiveChanged();
+    void menuChanged();
+    void stateChanged();
     void closedByPerson();
     void tearDown();
 
@@ -108,6 +120,7 @@ private:
     std::unique_ptr<KeepAwake::Assertion> activity_, displaySleep_;
     std::unique_ptr<PreferenceStore::Observation> preferenceObservation_;
     std::optional<StatsLog> statsLog_;
+    std::optional<DisplayList> displays_;
     bool streaming_ = false, dynamic_ = false, closed_ = false;
     Liveness liveness_;
 };

@@ -13,6 +13,7 @@
 
 #include "VelmoraKit/Core/Utf8.h"
 #include "Viewer/Window/Appearance.h"
+#include "Viewer/Window/DisplayMenu.h"
 #include "Viewer/Window/PictureGeometry.h"
 #include "Viewer/Window/ToolbarButton.h"
 
@@ -22,18 +23,10 @@ namespace {
 
 constexpr int perZoom = 100;  // steps of the slider
 constexpr double snapBelow = 1.1, zoomStep = 0.5;
-constexpr std::size_t longestName = 300;  // bytes of a display's name that are worth looking at
-constexpr int widestEntry = 420;          // points of a menu's entry
+constexpr std::size_t longestLine = 300;  // bytes that are worth looking at
 
 QString textOf(std::string_view words) {
-    return QString::fromStdString(printableLine(words, longestName));
-}
-
-/// For a menu, where "&" would mark a key.
-QString entryOf(const QMenu& menu, QString words) {
-    return menu.fontMetrics()
-        .elidedText(words, Qt::ElideMiddle, widestEntry)
-        .replace('&', QLatin1String("&&"));
+    return QString::fromStdString(printableLine(words, longestLine));
 }
 
 }  // namespace
@@ -93,7 +86,6 @@ ViewerToolbar::ViewerToolbar(QWidget* parent) : QWidget(parent) {
     display_ = new ToolbarButton(Symbol::none, QStringLiteral("Display"),
                                  QStringLiteral("Which screen of the other Mac to show"), this);
     displayMenu_ = new QMenu(this);
-    displayMenu_->setToolTipsVisible(true);
     connect(display_, &QAbstractButton::clicked, this, [this] { openDisplayMenu(); });
     connect(displayMenu_, &QMenu::aboutToHide, this, [this] { display_->setMenuOpen(false); });
     row->addWidget(display_);
@@ -161,46 +153,16 @@ void ViewerToolbar::setStatus(const Status& status, const std::string& detail) {
 }
 
 void ViewerToolbar::update(const DisplayList& list) {
-    const QString matching = QStringLiteral("Match This Window");
-    QString face = matching;
-    displayMenu_->clear();
-    const auto add = [this](const QString& words, bool isCurrent, std::optional<std::uint32_t> id) {
-        QAction* const entry = displayMenu_->addAction(entryOf(*displayMenu_, words));
-        entry->setCheckable(true);
-        entry->setChecked(isCurrent);
-        entry->setToolTip(words);
-        connect(entry, &QAction::triggered, this, [this, entry, isCurrent, id] {
-            entry->setChecked(isCurrent);  // the host says what is shown
-            if (const auto notify = onSelectDisplay) notify(id);
-        });
-        return entry;
-    };
-    QAction* const virtualDisplay = add(matching, !list.currentID, std::nullopt);
-    virtualDisplay->setEnabled(list.virtualAvailable);
-    virtualDisplay->setToolTip(
-        list.virtualAvailable
-            ? QStringLiteral("A virtual display the size of this window that follows when you resize")
-            : QStringLiteral(
-                  "Not available: turn on “Match Viewer Window Size” in Velmora's menu on the other Mac"));
-    displayMenu_->addSeparator();
-    for (const ServerDisplay& display : list.displays) {
-        const bool isCurrent = list.currentID == display.id;
-        const QString name = textOf(display.name);
-        if (isCurrent) face = name;
-        add(QStringLiteral("%1 — %2×%3").arg(name).arg(display.width).arg(display.height), isCurrent,
-            display.id);
-    }
-    display_->setWords(face);
+    fillDisplayMenu(*displayMenu_, list, [this](std::optional<std::uint32_t> id) {
+        if (const auto notify = onSelectDisplay) notify(id);
+    });
+    display_->setWords(shownDisplayOf(list));
     display_->setVisible(onSelectDisplay != nullptr);
 }
 
 void ViewerToolbar::openDisplayMenu() {
     display_->setMenuOpen(true);
     displayMenu_->popup(display_->mapToGlobal(QPoint(0, display_->height() + Appearance::grid / 2)));
-}
-
-bool ViewerToolbar::isMenuOpen() const {
-    return displayMenu_->isVisible();
 }
 
 void ViewerToolbar::setCaptureAvailable(bool available) {

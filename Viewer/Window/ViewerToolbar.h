@@ -52,7 +52,6 @@ public:
     void zoomOut() { stepZoom(-1); }
     void resetZoom();
     double zoom() const;
-    bool isMenuOpen() const;
     QMenu& displayMenu() { return *displayMenu_; }
 
     static constexpr int barHeight = 48;

@@ -3,6 +3,8 @@
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QKeyEvent>
+#include <QMenu>
+#include <QMenuBar>
 #include <QMouseEvent>
 #include <QScreen>
 #include <QWindow>
@@ -30,18 +32,20 @@ ViewerWindow::ViewerWindow(std::unique_ptr<PicturePainter> painter, const Prefer
       connecting_(new ConnectingOverlay(view_)),
       stats_(new StatsOverlayView(view_)),
       toast_(new CaptureToast(main, view_)) {
-    setMinimumSize(leastContent.width(), leastContent.height() + ViewerToolbar::barHeight);
+    limitSize();
     stats_->hide();
     view_->installEventFilter(this);
     toolbar_->installEventFilter(this);
+    menus_.append(&toolbar_->displayMenu());
+    menus_.first()->installEventFilter(this);
     reveal_.setSingleShot(true);
     reveal_.setInterval(revealDelay);
-    connect(&reveal_, &QTimer::timeout, this, [this] { setToolbarRevealed(true); });
+    connect(&reveal_, &QTimer::timeout, this, [this] { setBarsRevealed(true); });
     view_->setFocus();
 }
 
 void ViewerWindow::setContentSize(QSize size) {
-    resize(size.width(), size.height() + ViewerToolbar::barHeight);
+    resize(size.width(), size.height() + barsHeight());
 }
 
 QRect ViewerWindow::visibleFrame() const {
@@ -61,42 +65,95 @@ void ViewerWindow::toggleFullScreen() {
     setWindowState(windowState() ^ Qt::WindowFullScreen);
 }
 
-// Where things are
+// The bars
 
-void ViewerWindow::layOut() {
-    if (isFullScreen()) {
-        view_->setGeometry(rect());
-        toolbar_->setGeometry(0, 0, width(), ViewerToolbar::barHeight);
-        toolbar_->setVisible(isToolbarRevealed_);
-        toolbar_->raise();
+void ViewerWindow::setMenuBar(QMenuBar& bar) {
+    menuBar_ = &bar;
+    bar.installEventFilter(this);
+    bar.setMouseTracking(true);
+    for (QMenu* const menu : bar.findChildren<QMenu*>()) {
+        menus_.append(menu);
+        menu->installEventFilter(this);
+    }
+    limitSize();
+    layOut();
+}
+
+bool ViewerWindow::isMenuOpen() const {
+    return std::ranges::any_of(menus_, &QMenu::isVisible);
+}
+
+int ViewerWindow::menuBarHeight() const {
+    return menuBar_ ? menuBar_->sizeHint().height() : 0;
+}
+
+int ViewerWindow::barsHeight() const {
+    return menuBarHeight() + (isToolbarShown_ ? ViewerToolbar::barHeight : 0);
+}
+
+void ViewerWindow::setToolbarShown(bool shown) {
+    if (std::exchange(isToolbarShown_, shown) == shown) return;
+    limitSize();
+    layOut();
+}
+
+void ViewerWindow::showBars() {
+    if (!isFullScreen()) return;
+    areBarsKept_ = true;
+    setBarsRevealed(true);
+}
+
+void ViewerWindow::hideBars() {
+    areBarsKept_ = false;
+    setBarsRevealed(false);
+}
+
+void ViewerWindow::setBarsRevealed(bool revealed) {
+    reveal_.stop();
+    if (std::exchange(areBarsRevealed_, revealed) != revealed) layOut();
+}
+
+/// `y` from the top of the window.
+void ViewerWindow::pointerMovedTo(int y) {
+    if (!isFullScreen()) return;
+    if (y < barsHeight() && areBarsRevealed_) areBarsKept_ = false;
+    if (y <= 1) {
+        if (!areBarsRevealed_ && !reveal_.isActive()) reveal_.start();
         return;
     }
-    toolbar_->setGeometry(0, 0, width(), ViewerToolbar::barHeight);
-    toolbar_->show();
-    view_->setGeometry(0, ViewerToolbar::barHeight, width(),
-                       std::max(0, height() - ViewerToolbar::barHeight));
+    reveal_.stop();
+    if (y > barsHeight() && !areBarsKept_ && !isMenuOpen()) setBarsRevealed(false);
+}
+
+// Where things are
+
+/// A screen of few points, as a small one of double density has, must still hold the window and its frame.
+void ViewerWindow::limitSize() {
+    constexpr double mostOfScreen = 0.85;
+    const QSize room = visibleFrame().size() * mostOfScreen;
+    setMinimumSize(std::min(leastContent.width(), room.width()),
+                   std::min(leastContent.height() + barsHeight(), room.height()));
+}
+
+void ViewerWindow::layOut() {
+    const bool isFull = isFullScreen();
+    const bool hasBars = !isFull || areBarsRevealed_;
+    const int menuHeight = menuBarHeight();
+    if (menuBar_) {
+        menuBar_->setGeometry(0, 0, width(), menuHeight);
+        menuBar_->setVisible(hasBars);
+    }
+    toolbar_->setGeometry(0, menuHeight, width(), ViewerToolbar::barHeight);
+    toolbar_->setVisible(hasBars && isToolbarShown_);
+    const int top = isFull ? 0 : barsHeight();
+    view_->setGeometry(0, top, width(), std::max(0, height() - top));
+    view_->lower();
 }
 
 void ViewerWindow::layOutOverlays() {
     connecting_->setGeometry(view_->rect());
     stats_->move(statsMargin, statsMargin);
     toast_->place();
-}
-
-void ViewerWindow::setToolbarRevealed(bool revealed) {
-    reveal_.stop();
-    if (std::exchange(isToolbarRevealed_, revealed) != revealed) layOut();
-}
-
-/// `y` from the top of the window.
-void ViewerWindow::pointerMovedTo(int y) {
-    if (!isFullScreen()) return;
-    if (y <= 1) {
-        if (!isToolbarRevealed_ && !reveal_.isActive()) reveal_.start();
-        return;
-    }
-    reveal_.stop();
-    if (y > ViewerToolbar::barHeight && !toolbar_->isMenuOpen()) setToolbarRevealed(false);
 }
 
 // What the window system says
@@ -111,10 +168,12 @@ void ViewerWindow::showEvent(QShowEvent*) {
         handle->installEventFilter(this);
         connect(handle, &QWindow::screenChanged, this, [this] { hearOfScreens(); });
     }
+    limitSize();
     layOut();
 }
 
 void ViewerWindow::hearOfScreens() {
+    limitSize();
     if (const auto notify = onResized) notify();
 }
 
@@ -123,7 +182,7 @@ void ViewerWindow::changeEvent(QEvent* event) {
     if (event->type() == QEvent::ActivationChange) {
         if (const auto notify = onActiveChanged) notify();
     } else if (event->type() == QEvent::WindowStateChange) {
-        isToolbarRevealed_ = false;
+        hideBars();
         toolbar_->setFullScreen(isFullScreen());
         layOut();
     }
@@ -146,7 +205,7 @@ bool ViewerWindow::eventFilter(QObject* object, QEvent* event) {
             }
             break;
         case QEvent::MouseMove:
-            if (object != view_ && object != toolbar_) break;
+            if (object != view_ && object != toolbar_ && object != menuBar_) break;
             pointerMovedTo(static_cast<QWidget*>(object)
                                ->mapTo(this, static_cast<QMouseEvent*>(event)->position().toPoint())
                                .y());
@@ -155,6 +214,11 @@ bool ViewerWindow::eventFilter(QObject* object, QEvent* event) {
             if (object != view_) break;
             layOutOverlays();
             if (const auto notify = onResized) notify();
+            break;
+        case QEvent::Show:
+        case QEvent::Hide:
+            if (std::ranges::find(menus_, object) == menus_.end()) break;
+            if (const auto notify = onMenuChanged) notify();
             break;
         default:
             break;

@@ -13,18 +13,21 @@
 #include "Viewer/Window/ViewerToolbar.h"
 
 class QKeyEvent;
+class QMenu;
+class QMenuBar;
 
 namespace velmora {
 
 /// One host's window: where its parts lie, and what the window system says about it. Decides nothing about
-/// the session. In full screen the picture has all of it, and the toolbar comes when the pointer rests at the
-/// top edge.
+/// the session. At its top are the bars: the menu bar, if there is one, and the toolbar. In full screen the
+/// picture has all of the window, and the bars come over it when the pointer rests at the top edge.
 class ViewerWindow final : public QWidget {
 public:
     ViewerWindow(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences, Queue& main);
 
     std::function<void()> onResized;  // of the picture's part, or its screen has other pixels now
     std::function<void()> onActiveChanged;
+    std::function<void()> onMenuChanged;  // one has opened or closed
     /// The person closes it; it is still there for the rest of this turn of the queue.
     std::function<void()> onClose;
     /// A key for this window, whatever has the focus in it. True: it is taken.
@@ -32,9 +35,21 @@ public:
 
     VideoView& view() { return *view_; }
     ViewerToolbar& toolbar() { return *toolbar_; }
+    const ViewerToolbar& toolbar() const { return *toolbar_; }
     ConnectingOverlay& connecting() { return *connecting_; }
     StatsOverlayView& stats() { return *stats_; }
     CaptureToast& toast() { return *toast_; }
+
+    /// A child of the window with all its menus; once, before the window is shown.
+    void setMenuBar(QMenuBar& bar);
+    bool isMenuOpen() const;
+
+    /// Also whether it is among what comes at the top edge of a full screen.
+    void setToolbarShown(bool shown);
+    bool isToolbarShown() const { return isToolbarShown_; }
+    /// In full screen, until `hideBars` or until the pointer has been on them and left.
+    void showBars();
+    void hideBars();
 
     /// Of the picture's part, in points.
     void setContentSize(QSize size);
@@ -43,7 +58,7 @@ public:
     QRect visibleFrame() const;
     void toggleFullScreen();
 
-    static constexpr QSize leastContent{640, 400};
+    static constexpr QSize leastContent{640, 400};  // less on a screen that has no room for it
 
 protected:
     void resizeEvent(QResizeEvent* event) override;
@@ -55,7 +70,10 @@ protected:
 private:
     void layOut();
     void layOutOverlays();
-    void setToolbarRevealed(bool revealed);
+    int menuBarHeight() const;
+    int barsHeight() const;
+    void limitSize();
+    void setBarsRevealed(bool revealed);
     void pointerMovedTo(int y);
     void hearOfScreens();
 
@@ -65,7 +83,11 @@ private:
     StatsOverlayView* stats_;
     CaptureToast* toast_;
     QTimer reveal_;  // while the pointer rests at the top edge
-    bool isToolbarRevealed_ = false;
+    QMenuBar* menuBar_ = nullptr;
+    QList<QMenu*> menus_;
+    bool isToolbarShown_ = true;
+    bool areBarsRevealed_ = false;  // in full screen
+    bool areBarsKept_ = false;      // wherever the pointer is
 };
 
 }  // namespace velmora
