@@ -53,9 +53,20 @@ bool PlainButton::event(QEvent* event) {
 }
 
 void PlainButton::keyPressEvent(QKeyEvent* event) {
-    const bool isReturn = event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter;
-    if (!isReturn) return QPushButton::keyPressEvent(event);
-    if (!event->isAutoRepeat()) click();
+    switch (event->key()) {
+        case Qt::Key_Return:
+        case Qt::Key_Enter:
+            if (!event->isAutoRepeat()) click();
+            break;
+        case Qt::Key_Down:
+            focusNextChild();
+            break;
+        case Qt::Key_Up:
+            focusPreviousChild();
+            break;
+        default:
+            QPushButton::keyPressEvent(event);
+    }
 }
 
 void PlainButton::focusInEvent(QFocusEvent* event) {

@@ -1,5 +1,6 @@
 #include "App/DeviceList.h"
 
+#include <QApplication>
 #include <QPainter>
 #include <QScrollBar>
 #include <QVBoxLayout>
@@ -99,15 +100,17 @@ DeviceList::DeviceList(QWidget* parent)
     layout_->addStretch(1);
     setWidget(content_);
     content_->setAutoFillBackground(false);
+    // Qt scrolls for who walks within the list, but not for who comes from below it.
+    connect(qApp, &QApplication::focusChanged, this, [this](QWidget*, QWidget* now) {
+        if (now && content_->isAncestorOf(now)) ensureWidgetVisible(now, 0, 0);
+    });
 }
 
 void DeviceList::setDevices(const std::vector<Device>& devices) {
     std::vector<Entry> before = std::exchange(entries_, {});
-    const auto focused =
-        std::ranges::find_if(before, [](const Entry& entry) { return entry.row->hasFocus(); });
+    const QWidget* const keyboard = window()->focusWidget();
+    const auto focused = std::ranges::find(before, keyboard, [](const Entry& entry) { return entry.row; });
     const auto focusedAt = static_cast<std::size_t>(focused - before.begin());
-    const bool hadFocus = focused != before.end();
-    const MenuRow* const focusedRow = hadFocus ? focused->row : nullptr;
 
     QWidget* previous = none_;
     for (const Device& device : devices) {
@@ -122,11 +125,10 @@ void DeviceList::setDevices(const std::vector<Device>& devices) {
     }
     none_->setVisible(entries_.empty());
     for (const Entry& gone : before) {
-        const bool hadKeyboard = gone.row == focusedRow;
-        gone.row->hide();
-        gone.row->deleteLater();  // it may be telling us something at this very moment
-        if (hadKeyboard && !entries_.empty())
+        if (gone.row == keyboard && !entries_.empty())
             entries_[std::min(focusedAt, entries_.size() - 1)].row->setFocus(Qt::OtherFocusReason);
+        gone.row->hide();         // the last one's keyboard goes to whatever is next
+        gone.row->deleteLater();  // it may be telling us something at this very moment
     }
     updateGeometry();
 }

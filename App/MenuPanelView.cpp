@@ -120,7 +120,7 @@ void MenuPanelView::layOut() {
     note_->setFont(Style::font(0.95));
     note_->setContentsMargins(grid + 2, grid, grid + 2, 0);
     rows->addWidget(note_);
-    rows->addSpacing(grid / 2);
+    rows->addSpacing(grid);
     rows->addWidget(viewer_);
     rows->addWidget(server_);
     rows->addWidget(new PanelDivider(content_));
@@ -157,10 +157,14 @@ void MenuPanelView::fillCard() {
     layout->setSpacing(0);
     layout->addWidget(id_);
     layout->addWidget(password_);
-    layout->addWidget(badge_);
     const int width = std::max(id_->labelWidth(), password_->labelWidth());
     id_->setLabelWidth(width);
     password_->setLabelWidth(width);
+    auto* status = new QHBoxLayout;  // below the values
+    status->setContentsMargins(id_->valueLeft(), 0, grid, 0);
+    status->addWidget(badge_);
+    status->addStretch(1);
+    layout->addLayout(status);
 }
 
 void MenuPanelView::connectActions() {
@@ -223,6 +227,8 @@ void MenuPanelView::showDevices() {
     list_->setDevices(devices_.devices());
     const auto rows = list_->rows();
     setTabOrder(rows.empty() ? server_ : rows.back(), addDevice_);
+    const QWidget* keyboard = window()->focusWidget();
+    if (keyboard && list_->isAncestorOf(keyboard) && rows.empty()) addDevice_->setFocus(Qt::OtherFocusReason);
     if (const auto tell = onContent) tell();
 }
 

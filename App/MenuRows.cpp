@@ -125,6 +125,7 @@ CopyRow::CopyRow(const QString& what, Queue& main, QWidget* parent)
       main_(main),
       label_(new QLabel(what + QStringLiteral(":"), this)),
       value_(new InkLabel(this)),
+      edit_(new GlyphButton(Style::Glyph::pencil, {}, {}, this)),
       copy_(new GlyphButton(Style::Glyph::copy, QStringLiteral("Copy %1").arg(what), QStringLiteral("Copy"),
                             this)) {
     label_->setForegroundRole(QPalette::PlaceholderText);
@@ -135,7 +136,9 @@ CopyRow::CopyRow(const QString& what, Queue& main, QWidget* parent)
     layout->addWidget(label_);
     layout->addSpacing(grid);
     layout->addWidget(value_, 1);
+    layout->addWidget(edit_);
     layout->addWidget(copy_);
+    edit_->setVisible(false);
     copy_->onClick = [this] { copy(); };
 }
 
@@ -158,15 +161,18 @@ void CopyRow::present(const QString& text, std::optional<StatusColor> ink) {
     value_->setInk(ink);
     value_->setFont(isMissing_ ? Style::font(1) : Style::font(1.3, QFont::DemiBold));
     copy_->setEnabled(!isMissing_);
-    if (edit_) edit_->setEnabled(!isMissing_);
+    edit_->setEnabled(!isMissing_);
 }
 
 void CopyRow::setEdit(const QString& toolTip, std::function<void()> edit) {
-    edit_ = new GlyphButton(Style::Glyph::pencil, toolTip, toolTip, this);
+    edit_->setAccessibleName(toolTip);
+    edit_->setToolTip(toolTip);
     edit_->onClick = std::move(edit);
-    auto* row = static_cast<QHBoxLayout*>(layout());
-    row->insertWidget(row->indexOf(copy_), edit_);
-    setTabOrder(edit_, copy_);
+    edit_->setVisible(true);
+}
+
+int CopyRow::valueLeft() const {
+    return padding + label_->width() + grid;
 }
 
 void CopyRow::copy() {
@@ -207,7 +213,7 @@ void PanelDivider::paintEvent(QPaintEvent*) {
 }
 
 IDStatusBadge::IDStatusBadge(QWidget* parent) : InkLabel(parent) {
-    setContentsMargins(static_cast<int>(dotSide) + grid, 0, 0, 0);
+    setContentsMargins(static_cast<int>(dotSide) + grid - 1, grid / 4, 0, grid / 2 + grid / 4);
     setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
     setVisible(false);
 }
@@ -248,7 +254,7 @@ void IDStatusBadge::paintEvent(QPaintEvent* event) {
     if (!ink()) return;
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    drawDot(painter, {dotSide / 2, height() / 2.0}, *ink());
+    drawDot(painter, {dotSide / 2, contentsRect().center().y() + 0.5}, *ink());
 }
 
 ViewerRow::ViewerRow(QWidget* parent)

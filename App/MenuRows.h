@@ -66,6 +66,7 @@ public:
     /// So that values stand below each other.
     int labelWidth() const { return label_->sizeHint().width(); }
     void setLabelWidth(int width) { label_->setFixedWidth(width); }
+    int valueLeft() const;
 
     /// The mark that it has been copied stays for so long.
     static constexpr std::chrono::milliseconds markTime{1200};
@@ -81,7 +82,7 @@ private:
     Queue& main_;
     QLabel* const label_;
     InkLabel* const value_;
-    GlyphButton* edit_ = nullptr;
+    GlyphButton* const edit_;  // hidden until it has something to call
     GlyphButton* const copy_;
     std::string copied_;
     bool isMissing_ = false;

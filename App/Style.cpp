@@ -234,13 +234,13 @@ QColor inkOf(StatusColor color, const QPalette& palette) {
         case StatusColor::good:
             return QColor::fromRgb(dark ? 0x5FD68A : 0x14692F);
         case StatusColor::bad:
-            return QColor::fromRgb(dark ? 0xFF928C : 0xB3211D);
+            return QColor::fromRgb(dark ? 0xFFA29C : 0xB3211D);
     }
     return {};
 }
 
 QColor cardGround(const QPalette& palette) {
-    return palette.color(QPalette::Active, isDark(palette) ? QPalette::Button : QPalette::Base);
+    return isDark(palette) ? QColor::fromRgb(0x313439) : palette.color(QPalette::Active, QPalette::Base);
 }
 
 void drawCard(QPainter& painter, const QRectF& area, const QPalette& palette) {

@@ -27,7 +27,7 @@ int rowHeight(const QFont& font);
 /// The application's font, `factor` as large.
 QFont font(double factor, QFont::Weight weight = QFont::Normal);
 
-/// Each reads as text (4.5 to 1 at least) on the window's ground, on a card and under the pointer.
+/// Each reads as text (4.5 to 1 at least) on the window's ground, also under the pointer, and on a card.
 QColor faintInk(const QPalette& palette);
 QColor inkOf(Appearance::StatusColor color, const QPalette& palette);
 
