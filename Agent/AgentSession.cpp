@@ -394,8 +394,7 @@ void AgentSession::send(const std::vector<InputEvent>& events) {
 
 void AgentSession::setRemoteClipboard(const std::string& text) {
     if (!connection_) return;
-    connection_->send(MessageType::clipboard,
-                      ClipboardContent{ClipboardContent::Kind::text, bytesOf(text)}.encode());
+    connection_->sendClipboard({ClipboardContent::Kind::text, bytesOf(text)});
 }
 
 void AgentSession::selectDisplay(std::optional<std::uint32_t> id) {

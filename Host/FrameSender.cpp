@@ -90,7 +90,9 @@ bool FrameSender::resend(const Nack& nack) {
 
 BackPressure::Load FrameSender::load() const {
     BackPressure::Load load;
-    load.streamBytes = static_cast<std::size_t>(std::max<std::int64_t>(connection_->pendingBytes(), 0));
+    std::int64_t streamBytes = connection_->pendingBytes();
+    if (flow_) streamBytes -= connection_->pendingBulk();  // which the datagrams need not wait for
+    load.streamBytes = static_cast<std::size_t>(std::max<std::int64_t>(streamBytes, 0));
     load.videoOnStream = !flow_;
     if (flow_) {
         load.flowBytes = flow_->pendingBytes();

@@ -40,6 +40,9 @@ public:
 
     /// What waits to leave.
     BackPressure::Load load() const;
+    /// Something long, a clipboard, goes the same way beside the pictures: what the path's figures tell is
+    /// not about these.
+    bool sharesPath() const { return flow_ && connection_->pendingBulk() > 0; }
     /// The path's, if pictures go as datagrams.
     std::optional<PathStatistics> pathStatistics() const;
 

@@ -126,6 +126,10 @@ TEST_F(FrameSenderTest, withoutAFlowPicturesAreMessages) {
     EXPECT_FALSE(onStream.resend({.frame = 1}));
     EXPECT_TRUE(onStream.load().videoOnStream);
     EXPECT_EQ(onStream.load().streamBytes, 105u);
+    connection->sendBulk(MessageType::clipboard, Bytes(1000));
+    EXPECT_EQ(sender.load().streamBytes, 105u) << "datagrams need not wait for a clipboard";
+    EXPECT_TRUE(sender.sharesPath());
+    EXPECT_EQ(onStream.load().streamBytes, 1110u) << "but what goes behind it must";
     EXPECT_EQ(onStream.takeStatistics().bytes, 100u);
 }
 

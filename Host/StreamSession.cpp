@@ -89,12 +89,7 @@ void StreamSession::makeClipboard() {
 void StreamSession::startClipboard() {
     clipboard_.perform([connection = viewer_.connection](ClipboardSync& clipboard) {
         clipboard.start([connection](const ClipboardContent& content) {
-            // What is copied again and again for a viewer that has stopped reading would fill the memory.
-            if (connection->pendingBytes() > static_cast<std::int64_t>(ClipboardContent::maxFileBytes)) {
-                hostLog("⚠︎ Clipboard not sent to viewer: what was copied before still waits");
-                return;
-            }
-            connection->send(MessageType::clipboard, content.encode());
+            connection->sendBulk(MessageType::clipboard, content.encode());
         });
     });
 }

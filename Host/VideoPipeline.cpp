@@ -122,7 +122,7 @@ BackPressure::Load VideoPipeline::load() const {
     BackPressure::Load load = sender_.load();
     const auto ownTrip = rate_.leastRtt();
     const auto path = sender_.pathStatistics();
-    if (path && ownTrip > ownTrip.zero()) {
+    if (path && ownTrip > ownTrip.zero() && !sender_.sharesPath()) {
         load.pathDelay = std::max(path->latestRtt - ownTrip, std::chrono::microseconds::zero());
         const auto held = static_cast<std::uint64_t>(static_cast<double>(rate_.bitsPerSecond()) / 8 *
                                                      std::chrono::duration<double>(ownTrip).count());
@@ -314,9 +314,10 @@ void VideoPipeline::armRate() {
 
 void VideoPipeline::sampleRate() {
     const TimePoint now = queue_.now();
-    if (const auto path = sender_.pathStatistics()) {
+    const double heldBackShare = takeHeldBackShare(now);
+    if (const auto path = sender_.pathStatistics(); path && !sender_.sharesPath()) {
         rate_.update({.queueAge = std::max(worstAge_, sender_.load().flowAge),
-                      .heldBackShare = takeHeldBackShare(now),
+                      .heldBackShare = heldBackShare,
                       .path = *path},
                      now);
         protection_.update(*path, rate_.delay(), now);

@@ -54,6 +54,7 @@ struct BenchViewer::Shared {
     std::vector<Seen> seen;
     std::uint64_t decoded = 0;
     Repairs repairs;
+    int clipboards = 0;
     std::optional<HostClock::time_point> first;
     std::string error;
 
@@ -95,6 +96,10 @@ std::optional<std::chrono::duration<double>> BenchViewer::connect(std::uint16_t 
             shared->repairs.requests += second.resendRequests;
             shared->repairs.keyframes += keyframesIn(second.csvRow);
         };
+        connection_->onClipboard = [shared = shared_](const Bytes&) {
+            std::lock_guard lock(shared->mutex);
+            ++shared->clipboards;
+        };
         connection_->onEnded = [shared = shared_](const ConnectionError& error) {
             std::lock_guard lock(shared->mutex);
             shared->error = error.title;
@@ -130,6 +135,11 @@ std::vector<BenchViewer::Seen> BenchViewer::take() {
 BenchViewer::Repairs BenchViewer::repairs() const {
     std::lock_guard lock(shared_->mutex);
     return shared_->repairs;
+}
+
+int BenchViewer::clipboards() const {
+    std::lock_guard lock(shared_->mutex);
+    return shared_->clipboards;
 }
 
 std::uint64_t BenchViewer::framesDecoded() const {

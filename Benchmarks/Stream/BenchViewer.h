@@ -38,6 +38,8 @@ public:
         int keyframes = 0;  // the first one too
     };
     Repairs repairs() const;
+    /// What the host copied has arrived this often.
+    int clipboards() const;
 
 private:
     struct Services;

@@ -3,7 +3,7 @@
 // between them. "added" is that latency. CPU is process time in percent of one core; the viewer's is
 // without the part that draws.
 //   StreamBenchmark [--case NAME]... [--seconds S] [--size WxH] [--repeat N]
-// Without --case all but the minutes-long ones run; "loss" and "outage" and "narrow" use the emulated path.
+// Without --case all run; "loss", "outage", "narrow" and "clipboard" use the emulated path.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -13,7 +13,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -23,6 +26,7 @@
 #include "Benchmarks/Stream/BenchViewer.h"
 #include "Benchmarks/Stream/HostProcess.h"
 #include "Benchmarks/Stream/ScreenLoad.h"
+#include "Testing/ScratchFolder.h"
 #include "Testing/UdpLinkEmulator.h"
 #include "VelmoraKit/Core/SampleSet.h"
 #include "VelmoraKit/Wire/MessageType.h"
@@ -55,6 +59,14 @@ public:
     bool connect() {
         return viewer.connect(emulator_ ? emulator_->port() : velmoraDefaultPort, host_.password())
             .has_value();
+    }
+
+    /// As somebody copies a file on the host's screen.
+    void copyFile(const std::filesystem::path& file) {
+        const std::string offer =
+            fmt::format("printf 'file://%s' '{}' | exec xclip -quiet -selection clipboard -t text/uri-list",
+                        file.string());
+        copying_ = std::move(*server_.run({"sh", "-c", offer}));
     }
 
     HostProcess& host() { return host_; }
@@ -91,6 +103,7 @@ private:
     HostProcess host_;
     ScreenLoad load_;
     std::unique_ptr<UdpLinkEmulator> emulator_;
+    std::unique_ptr<ChildProgram> copying_;
 };
 
 /// What a run of some seconds cost.
@@ -262,6 +275,30 @@ bool narrow(const Settings& settings, Seconds buffer) {
     return true;
 }
 
+/// A file of some megabytes travels to the viewer's clipboard while the screen moves.
+bool clipboard(const Settings& settings, std::int64_t bits) {
+    constexpr std::size_t megabytes = 30;
+    const ScratchFolder folder;
+    std::ofstream(folder / "file") << std::string(megabytes << 20, 'x');
+    const auto link = wideArea(0, bits);
+    Bench bench(settings, R"({"host.bitrateMbps": 8})", bits > 0 ? &link : nullptr);
+    if (!bench.connect()) return false;
+    bench.load().start(ScreenLoad::Kind::scroll);
+    std::this_thread::sleep_for(3s);
+    const Meter meter(bench);
+    const auto start = HostClock::now();
+    bench.copyFile(folder / "file");
+    std::vector<Bench::Shown> shown;
+    while (bench.viewer.clipboards() == 0) {
+        if (HostClock::now() - start > 60s) return false;
+        std::ranges::copy(bench.watch(100ms), std::back_inserter(shown));
+    }
+    const std::string path = bits > 0 ? fmt::format("{} Mbit/s, 40 ms", bits / 1'000'000) : "loopback";
+    row("file, " + path, meter, shown);
+    fmt::print("  {} MB were there after {:.1f} s\n", megabytes, Seconds(HostClock::now() - start).count());
+    return true;
+}
+
 using Case = std::function<bool(const Settings&)>;
 const std::vector<std::pair<std::string, Case>>& cases() {
     static const auto run = [](const char* name, ScreenLoad::Kind kind) {
@@ -276,6 +313,7 @@ const std::vector<std::pair<std::string, Case>>& cases() {
         {"idle", idle},
         {"connect", connectTime},
         {"outage", [](const Settings& s) { return outage(s, 1s) && outage(s, 3s); }},
+        {"clipboard", [](const Settings& s) { return clipboard(s, 0) && clipboard(s, 40'000'000); }},
         {"narrow", [](const Settings& s) { return narrow(s, 200ms) && narrow(s, 1s); }},
     };
     return all;

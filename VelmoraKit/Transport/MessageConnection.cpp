@@ -56,6 +56,26 @@ void MessageConnection::reportState(TransportState state, const std::optional<Tr
 }
 
 void MessageConnection::send(MessageType type, ByteView payload) {
+    sendFrame(type, payload, Kind::message);
+}
+
+void MessageConnection::sendBulk(MessageType type, Bytes payload) {
+    const std::lock_guard lock(bulkMutex_);
+    if (pendingBulk() > static_cast<std::int64_t>(maxPayload)) {
+        heldBack_ = {type, std::move(payload)};
+    } else {
+        sendFrame(type, payload, Kind::bulk);
+    }
+}
+
+void MessageConnection::sendHeldBack() {
+    const std::lock_guard lock(bulkMutex_);
+    if (!heldBack_ || pendingBulk() > static_cast<std::int64_t>(maxPayload)) return;
+    const HeldBack next = *std::exchange(heldBack_, std::nullopt);
+    sendFrame(next.type, next.payload, Kind::bulk);
+}
+
+void MessageConnection::sendFrame(MessageType type, ByteView payload, Kind kind) {
     if (payload.size() > UINT32_MAX) {
         std::fputs("MessageConnection: a payload whose length does not fit its field\n", stderr);
         std::abort();
@@ -66,8 +86,14 @@ void MessageConnection::send(MessageType type, ByteView payload) {
     frame.bytes(payload);
     const auto size = static_cast<std::int64_t>(frame.data.size());
     pendingBytes_ += size;
-    stream_->send(std::move(frame.data), [weak = weak_from_this(), size](const auto&) {
-        if (const auto self = weak.lock()) self->pendingBytes_ -= size;
+    if (kind == Kind::bulk) pendingBulk_ += size;
+    stream_->send(std::move(frame.data), [weak = weak_from_this(), size, kind](const auto&) {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->pendingBytes_ -= size;
+        if (kind == Kind::message) return;
+        self->pendingBulk_ -= size;
+        self->sendHeldBack();
     });
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -47,6 +48,10 @@ public:
     /// Any thread. Sent in the order of the calls; never blocks, never fails visibly: a stream that ends
     /// shows in `onStateChange`. A payload of 4 GiB or more is a programming error and stops the process.
     void send(MessageType type, ByteView payload = {});
+    /// Any thread. The same for what may be many megabytes and of which only the newest counts. While more
+    /// than `maxPayload` of it waits, the newest is held back, in place of the one before, until the rest is
+    /// on its way.
+    void sendBulk(MessageType type, Bytes payload);
     /// Any thread. Sends the record's JSON.
     template <class Record>
     void sendJSON(MessageType type, const Record& value) {
@@ -55,6 +60,8 @@ public:
 
     /// Bytes handed to the transport and not yet taken over by it, headers included; any thread.
     std::int64_t pendingBytes() const { return pendingBytes_.load(std::memory_order_relaxed); }
+    /// Those of them that `sendBulk` brought. They share the path with datagrams.
+    std::int64_t pendingBulk() const { return pendingBulk_.load(std::memory_order_relaxed); }
 
     /// Longer payloads are read and thrown away without being held, and the owner gets an empty one in their
     /// place: for peers that have not been admitted. None lifts it. Holds from the next header on; any
@@ -70,6 +77,9 @@ public:
     Queue& queue() const { return queue_; }
 
 private:
+    enum class Kind { message, bulk };
+    void sendFrame(MessageType type, ByteView payload, Kind kind);
+    void sendHeldBack();
     void installStateHandler();
     void reportState(TransportState state, const std::optional<TransportError>& error);
     void receiveHeader();
@@ -83,7 +93,13 @@ private:
 
     const std::shared_ptr<Stream> stream_;
     Queue& queue_;
-    std::atomic<std::int64_t> pendingBytes_{0};
+    std::atomic<std::int64_t> pendingBytes_{0}, pendingBulk_{0};
+    struct HeldBack {
+        MessageType type;
+        Bytes payload;
+    };
+    std::mutex bulkMutex_;  // guards heldBack_, and that what comes from it goes out in its place
+    std::optional<HeldBack> heldBack_;
     std::atomic<std::size_t> payloadLimit_{maxPayload};
     bool hasEnded_ = false;  // on queue_
 };

@@ -66,6 +66,26 @@ TEST_F(MessageConnectionTest, deliversFramesInOrderHoweverTheBytesAreCut) {
     EXPECT_EQ(stream->cancelCount, 0);
 }
 
+TEST_F(MessageConnectionTest, ofBulkThatIsNotReadOnlySomeAndTheNewestWaits) {
+    const Bytes large(MessageConnection::maxPayload / 2, 1);
+    for (int i = 0; i < 2; ++i) connection->sendBulk(MessageType::clipboard, large);
+    ASSERT_EQ(stream->sent.size(), 2u);
+    connection->sendBulk(MessageType::clipboard, {2});
+    connection->sendBulk(MessageType::clipboard, {3});
+    connection->send(MessageType::bye);
+    ASSERT_EQ(stream->sent.size(), 3u);
+    EXPECT_EQ(stream->sent[2], frameOf(6, {}));
+    EXPECT_EQ(connection->pendingBulk() + 5, connection->pendingBytes());
+    stream->completeSend();
+    time.settle();
+    ASSERT_EQ(stream->sent.size(), 4u);
+    EXPECT_EQ(stream->sent[3], frameOf(16, {3}));
+    for (int i = 0; i < 3; ++i) stream->completeSend();
+    time.settle();
+    EXPECT_EQ(connection->pendingBulk(), 0);
+    EXPECT_EQ(connection->pendingBytes(), 0);
+}
+
 TEST_F(MessageConnectionTest, writesHeaderAndPayloadAsOneSendAndCountsItUntilItIsTakenOver) {
     connection->send(MessageType::clipboard, Bytes(100, 1));
     connection->send(MessageType::bye);

@@ -391,6 +391,11 @@ void ViewerConnection::send(MessageType type, ByteView payload) {
     if (connection_ && !closed_) connection_->send(type, payload);
 }
 
+void ViewerConnection::sendClipboard(const ClipboardContent& content) {
+    assertOn(main_);
+    if (connection_ && !closed_) connection_->sendBulk(MessageType::clipboard, content.encode());
+}
+
 // The end
 
 void ViewerConnection::close() {

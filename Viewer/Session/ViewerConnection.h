@@ -12,6 +12,7 @@
 #include "Platform/VideoDecompressor.h"
 #include "VelmoraKit/Core/Queue.h"
 #include "VelmoraKit/Transport/ConnectionGroup.h"
+#include "VelmoraKit/Wire/ClipboardContent.h"
 #include "VelmoraKit/Wire/InputRecords.h"
 #include "VelmoraKit/Wire/SessionRecords.h"
 #include "Viewer/Session/QUICClient.h"
@@ -84,7 +85,8 @@ public:
 
     /// While streaming; otherwise nothing is sent.
     void sendInput(const InputEvent& event);
-    /// The rest of what a viewer says, once the control stream is there: which display, clipboard contents.
+    void sendClipboard(const ClipboardContent& content);
+    /// The rest of what a viewer says, once the control stream is there: which display.
     void send(MessageType type, ByteView payload);
 
     /// Ends the connection from this side: says goodbye, keeps the last picture; `onEnded` is not called.

@@ -205,9 +205,7 @@ void ViewerSession::streamChanged(PixelSize size, bool dynamic) {
 
 void ViewerSession::startClipboard() {
     if (!clipboard_) return;
-    clipboard_->start([this](const ClipboardContent& content) {
-        connection_.send(MessageType::clipboard, content.encode());
-    });
+    clipboard_->start([this](const ClipboardContent& content) { connection_.sendClipboard(content); });
 }
 
 /// A display of a shape of its own: the window takes that shape.

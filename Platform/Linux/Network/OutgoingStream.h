@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -23,6 +24,8 @@ public:
 
     bool wantsToWrite() const { return !refused_ && (hasBytes() || (finishing_ && !finished_)); }
     bool hasBytes() const { return accepted_ < end_; }
+    std::uint64_t underWay() const { return accepted_ - std::min(accepted_, acknowledged_); }
+    std::uint64_t waiting() const { return refused_ ? 0 : end_ - accepted_; }  // bytes not yet in packets
 
     /// What comes next, in up to `pieces.size()` pieces, and whether the stream's end goes with it.
     struct Next {

@@ -6,7 +6,8 @@
 // calls it owns sockets, threads and clocks. The rhythm is always the same: `receive` and `handleDeadline`
 // change the state, then one `write` fills a batch, then the deadline is read again.
 //
-// A round of writing puts streams first (a key press must not wait behind a picture), then datagrams, and if
+// A round of writing puts streams first (a key press must not wait behind a picture), then datagrams; while a
+// stream has much to send they take turns, packet by packet (nor must the picture wait for a clipboard). If
 // neither has anything, whatever the library itself wants to say: acknowledgements, probes, keep-alives. That
 // last call also marks the connection as limited by the application, so it is left out while data waits: the
 // bandwidth estimate would believe that we have no more to send. After a round the library is told once when
@@ -160,6 +161,7 @@ struct QuicConnection::Callbacks {
         if (auto* const stream = outgoing(user, id)) {
             stream->acknowledgeUpTo(offset + size);
             self(user).pathIsAlive_ = true;
+            if (self(user).isLong(*stream)) self(user).widenBackground(*stream, size);
         }
         return 0;
     }
@@ -500,19 +502,33 @@ void QuicConnection::write(PacketBatch& out, TimePoint now) {
 /// The size of the packet written; 0: nothing may be sent now; below 0: the connection has failed.
 ngtcp2_ssize QuicConnection::writePacket(std::span<std::uint8_t> room, ngtcp2_path& path,
                                          ngtcp2_tstamp time) {
+    if (datagramsAreDue_ &&
+        std::ranges::any_of(streams_, [&](const auto& entry) { return isLong(entry.second); })) {
+        if (const auto size = writeDatagrams(room, path, time)) {
+            datagramsAreDue_ = *size <= 0;
+            return *size;
+        }
+    }
+    const bool areDatagramsFlowing = timeOf(time) - lastDatagram_ < parameters_.datagramsRest;
     for (auto& [id, stream] : streams_) {
         if (!stream.wantsToWrite()) continue;
+        if (areDatagramsFlowing && isLong(stream) && stream.underWay() >= background_.bytes()) continue;
         bool again = false;
         const auto size = writeStream(id, stream, room, path, time, again);
-        if (!again) return size;
+        if (again) continue;
+        datagramsAreDue_ = datagramsAreDue_ || size > 0;
+        return size;
     }
-    while (ready_ && !datagrams_.empty()) {
-        bool again = false;
-        const auto size = writeDatagram(room, path, time, again);
-        if (!again) return size;
-    }
+    if (const auto size = writeDatagrams(room, path, time)) return *size;
     return ngtcp2_conn_writev_stream(connection_, &path, nullptr, room.data(), room.size(), nullptr,
                                      NGTCP2_WRITE_STREAM_FLAG_NONE, -1, nullptr, 0, time);
+}
+
+void QuicConnection::widenBackground(const OutgoingStream& stream, std::uint64_t arrived) {
+    ngtcp2_conn_stat stat;
+    ngtcp2_conn_get_conn_stat(connection_, &stat);
+    const auto queue = stat.latest_rtt - std::min(stat.latest_rtt, stat.min_rtt);
+    background_.acknowledged(arrived, stream.underWay(), microsOf(queue));
 }
 
 /// `again`: this stream cannot go on, others may.
@@ -553,6 +569,16 @@ ngtcp2_ssize QuicConnection::writeStream(std::int64_t id, OutgoingStream& stream
     }
 }
 
+std::optional<ngtcp2_ssize> QuicConnection::writeDatagrams(std::span<std::uint8_t> room, ngtcp2_path& path,
+                                                           ngtcp2_tstamp time) {
+    while (ready_ && !datagrams_.empty()) {
+        bool again = false;
+        const auto size = writeDatagram(room, path, time, again);
+        if (!again) return size;
+    }
+    return std::nullopt;
+}
+
 /// `again`: the first datagram is gone, the next may be tried.
 ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_path& path,
                                            ngtcp2_tstamp time, bool& again) {
@@ -583,7 +609,8 @@ ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_
     if (accepted != 0) {
         ++counts_.datagramsSent;
         counts_.bytesSent += first.bytes->size();
-        sentDatagrams_.add(first.tag, timeOf(time));
+        lastDatagram_ = timeOf(time);
+        sentDatagrams_.add(first.tag, lastDatagram_);
         dropFrontDatagram();
     }
     return size;

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Linux/Network/BackgroundWindow.h"
 #include "Platform/Linux/Network/DatagramLedger.h"
 #include "Platform/Linux/Network/OutgoingStream.h"
 #include "Platform/Linux/Network/PacketBatch.h"
@@ -41,7 +42,11 @@ public:
         std::chrono::milliseconds keepAlive{5'000};  // a quarter of the idle time-out: three may be lost
         std::size_t maxDatagramFrame = QUICSetup::maxDatagramFrameSize;
         std::uint64_t streamWindow = 64 * 1024;  // what a peer that nobody reads can make us hold
-        std::uint64_t maxStreams = 4;            // that a viewer may open
+        /// A stream that has more to send takes turns with the datagrams: a clipboard of many megabytes must
+        /// not stop the picture, while a key press, a cursor's shape or a list of displays need not wait.
+        std::uint64_t longMessage = 32 * 1024;
+        std::chrono::milliseconds datagramsRest{200};  // no datagram for so long: they need no room
+        std::uint64_t maxStreams = 4;                  // that a viewer may open
         Bytes firstToken;             // a viewer's; ours keep none, others bring back what they got
         bool anchorDatagrams = true;  // off only to show what happens then
         std::chrono::milliseconds lossIsCertain{1'000};  // and two round trips: no acknowledgement comes now
@@ -92,7 +97,8 @@ public:
 
     /// A UDP packet that carries one of our connection IDs. `write` afterwards.
     void receive(ByteView packet, const SocketAddress& from, TimePoint now);
-    /// One round of writing: everything that congestion control and pacing let go now, streams first.
+    /// One round of writing: everything that congestion control and pacing let go now, streams first unless
+    /// they have much to send.
     void write(PacketBatch& out, TimePoint now);
     /// When to call `handleDeadline` and `write` at the latest.
     TimePoint deadline() const;
@@ -153,6 +159,11 @@ private:
                              ngtcp2_path& path, ngtcp2_tstamp time, bool& again);
     ngtcp2_ssize writeDatagram(std::span<std::uint8_t> room, ngtcp2_path& path, ngtcp2_tstamp time,
                                bool& again);
+    /// None: there is none that could be written.
+    std::optional<ngtcp2_ssize> writeDatagrams(std::span<std::uint8_t> room, ngtcp2_path& path,
+                                               ngtcp2_tstamp time);
+    bool isLong(const OutgoingStream& stream) const { return stream.waiting() > parameters_.longMessage; }
+    void widenBackground(const OutgoingStream& stream, std::uint64_t arrived);
     void dropFrontDatagram();
     void settleOverdueDatagrams(TimePoint now);
     void tellLost(std::uint64_t tag);
@@ -180,6 +191,9 @@ private:
     std::deque<QueuedDatagram> datagrams_;
     std::size_t pendingDatagramBytes_ = 0;
     bool anchorPending_ = false;
+    bool datagramsAreDue_ = false;  // a stream that has much to send had its turn
+    BackgroundWindow background_;   // for such a stream
+    TimePoint lastDatagram_{};
     DatagramLedger sentDatagrams_;
     bool pathIsAlive_ = false;  // something of ours has been acknowledged by the packet being read
     PathStatistics counts_;

@@ -255,6 +255,20 @@ TEST_F(QuicConnectionTest, streamsGoAheadOfQueuedDatagrams) {
     EXPECT_GT(host.connection->pendingDatagramBytes(), 0u);
 }
 
+TEST_F(QuicConnectionTest, aLongMessageTakesTurnsWithQueuedDatagrams) {
+    beginReady();
+    const auto stream = viewer.connection->openStream().value();
+    viewer.connection->sendOnStream(stream, bytesOf("hello"));
+    advanceUntil([&] { return host.streams.contains(stream); }, 1s);
+    viewer.connection->grantStream(stream, 10'000'000);
+    host.connection->sendOnStream(stream, Bytes(5'000'000));
+    host.connection->queueDatagrams(datagramsOf(500, 1100), 1, now);
+    ASSERT_TRUE(advanceUntil([&] { return viewer.datagrams.size() == 500; }, 5s));
+    EXPECT_GT(viewer.streams[stream].size(), 400'000u);
+    EXPECT_LT(viewer.streams[stream].size(), 1'000'000u);
+    EXPECT_TRUE(advanceUntil([&] { return viewer.streams[stream].size() == 5'000'000; }, 10s));
+}
+
 TEST_F(QuicConnectionTest, aStreamThatNobodyReadsHoldsUpNeitherDatagramsNorItsEnd) {
     beginReady();
     const auto stream = viewer.connection->openStream().value();
