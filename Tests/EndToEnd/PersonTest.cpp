@@ -1,0 +1,109 @@
+#include "Tests/EndToEnd/PersonTest.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace velmora {
+
+void PersonTest::begin() {
+    begin({.windowManager = {"icewm"}});
+}
+
+void PersonTest::begin(Person::Options options) {
+    homes.emplace(HomeNetworks::Options{.oneHome = true});
+    if (!homes->areAllowed()) GTEST_SKIP() << "network namespaces need root: " << homes->error();
+    ASSERT_EQ(homes->error(), "");
+    const std::string address = HomeNetworks::serverAddress;
+    rendezvous = fmt::format("ws://{}:8080", address);
+    service = std::make_unique<RunningProgram>(
+        homes->at(HomeNetworks::Place::server, {RENDEZVOUS_PROGRAM, "--plain", "--listen", address + ":8080",
+                                                "--public-address", address}),
+        RunningProgram::Place{.home = homeOf("service")});
+    options.home = homeOf("person");
+    options.screen = personSize;
+    person = std::make_unique<Person>(options);
+    ASSERT_EQ(person->error(), "");
+}
+
+std::unique_ptr<RunningProgram> PersonTest::open(const std::vector<std::string>& command) {
+    return person->start(homes->at(HomeNetworks::Place::viewer, command), rendezvous);
+}
+
+void PersonTest::startHostDesk() {
+    ASSERT_NO_FATAL_FAILURE(startServer(XServerFixture::Kind::xvfb, hostSize));
+    launchHostAt(server().display());
+    hostWindow = std::make_unique<XInputWindow>(server().display());
+    ASSERT_TRUE(hostWindow->ok());
+    paint(red);
+}
+
+void PersonTest::launchHostAt(const std::string& display) {
+    host = std::make_unique<RunningProgram>(
+        homes->at(HomeNetworks::Place::host, {VELMORA_PROGRAM}),
+        RunningProgram::Place{.home = homeOf("host"), .display = display, .rendezvous = rendezvous});
+    ASSERT_TRUE(host->says("waiting for a viewer", 1, within(20))) << host->said();
+    readHostLine(*host);
+    ASSERT_TRUE(tells("host", "Online at", within(20))) << host->said() << service->said();
+}
+
+void PersonTest::paint(std::uint32_t color) {
+    auto* const c = hostWindow->connection();
+    const xcb_gcontext_t pen = xcb_generate_id(c);
+    xcb_create_gc(c, pen, hostWindow->window(), XCB_GC_FOREGROUND, &color);
+    const xcb_rectangle_t all{0, 0, hostSize.width, hostSize.height};
+    xcb_poly_fill_rectangle(c, hostWindow->window(), pen, 1, &all);
+    xcb_free_gc(c, pen);
+    xcb_flush(c);
+}
+
+bool PersonTest::seesPicture(std::uint32_t color) {
+    constexpr int least = 300;  // of its width: smaller is a speck of something else
+    return eventually(
+        [&] {
+            const auto image = person->screenshot();
+            if (!image) return false;
+            picture = whereIs(color, *image);
+            return picture.width > least;
+        },
+        within(20));
+}
+
+bool PersonTest::pointAt(double x, double y) {
+    return person->moveTo(picture.x + static_cast<int>(x * picture.width),
+                          picture.y + static_cast<int>(y * picture.height));
+}
+
+bool PersonTest::clickPicture(double x, double y, const std::string& button) {
+    return pointAt(x, y) && person->use({"click", button});
+}
+
+bool PersonTest::hostGets(Event::Kind kind, int count, std::optional<std::uint8_t> detail) {
+    return hostWindow->waitUntil([&](const Events& events) {
+        return std::ranges::count_if(events, [&](const Event& event) {
+                   return event.kind == kind && (!detail || event.detail == *detail);
+               }) >= count;
+    });
+}
+
+std::string PersonTest::diaryOf(const std::string& device) const {
+    return contentOf(homeOf(device) / "state/velmora/velmora.log");
+}
+
+bool PersonTest::tells(const std::string& device, const std::string& words, std::chrono::milliseconds limit) {
+    return eventually([&] { return diaryOf(device).find(words) != std::string::npos; }, limit);
+}
+
+std::vector<std::string> PersonTest::complaintsOf(const std::string& device,
+                                                  const std::vector<std::string>& expected) const {
+    std::vector<std::string> complaints;
+    std::istringstream diary(diaryOf(device));
+    for (std::string line; std::getline(diary, line);) {
+        const auto has = [&](const std::string& words) { return line.find(words) != std::string::npos; };
+        if (has("⚠︎") && std::ranges::none_of(expected, has)) complaints.push_back(line);
+    }
+    return complaints;
+}
+
+}  // namespace velmora
