@@ -3,10 +3,10 @@
 #include <QLabel>
 #include <QVBoxLayout>
 
+#include "App/LogoView.h"
 #include "App/Style.h"
 #include "App/Version.h"
 #include "App/WindowPlacing.h"
-#include "Viewer/Window/Logo.h"
 
 namespace velmora {
 
@@ -14,15 +14,13 @@ namespace {
 
 using Style::grid;
 
-constexpr int logoSide = 8 * grid, textWidth = 36 * grid;
+constexpr int logoSide = 8 * grid, textWidth = 42 * grid;
 
 }  // namespace
 
 AboutWindow::AboutWindow() {
     setWindowTitle(QStringLiteral("About Velmora"));
-    auto* const logo = new QLabel(this);
-    logo->setPixmap(logoPixmap(logoSide, devicePixelRatioF()));
-    logo->setAccessibleName(QStringLiteral("Velmora's logo"));
+    auto* const logo = new LogoView(logoSide, LogoView::Badge::none, this);
     auto* const name = new QLabel(QStringLiteral("Velmora"), this);
     name->setFont(Style::font(1.6, QFont::DemiBold));
     auto* const version = new QLabel(QString::fromStdString(Version::text()), this);

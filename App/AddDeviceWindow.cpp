@@ -50,13 +50,14 @@ AddDeviceWindow::AddDeviceWindow(Queue& main, const Opening& opening)
                        : QStringLiteral("Add a Mac"));
     auto* const explanation = new QLabel(
         isKnown_ ? QStringLiteral("Enter the 6-digit password shown in Velmora's menu on that Mac.")
-                 : QStringLiteral("Its Host ID and password are shown in Velmora's menu on that Mac."),
+                 : QStringLiteral("Velmora's menu on that Mac shows its Host ID and password."),
         this);
     explanation->setWordWrap(true);
     explanation->setMinimumWidth(fieldWidth);
 
     name_->setMaxLength(longestName);
     name_->setText(name);
+    name_->setCursorPosition(0);
     name_->setPlaceholderText(QStringLiteral("Optional"));
     name_->setObjectName(QStringLiteral("name"));
     hostID_->setDigits(opening.hostID);
@@ -94,8 +95,10 @@ AddDeviceWindow::AddDeviceWindow(Queue& main, const Opening& opening)
     column->addWidget(title);
     column->addWidget(explanation);
     column->addSpacing(grid);
-    for (FormRow* const row : {nameRow, hostIDRow_, passwordRow_}) column->addWidget(row);
-    column->addSpacing(grid);
+    for (FormRow* const row : {nameRow, hostIDRow_, passwordRow_}) {
+        column->addWidget(row);
+        column->addSpacing(grid);
+    }
     column->addLayout(buttons);
 
     for (DigitField* const field : {hostID_, password_}) {

@@ -1,20 +1,18 @@
 #include "App/AlertWindow.h"
 
-#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QPainter>
 #include <QPushButton>
-#include <QScreen>
 #include <QScrollArea>
 #include <QTextBoundaryFinder>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <utility>
 
+#include "App/LogoView.h"
 #include "App/Style.h"
 #include "App/WindowPlacing.h"
-#include "Viewer/Window/Logo.h"
+#include "VelmoraKit/Core/Utf8.h"
 
 namespace velmora {
 
@@ -22,8 +20,8 @@ namespace {
 
 using Style::grid;
 
-constexpr int textWidth = 48 * grid, signSide = 6 * grid, badgeSide = 3 * grid;
-constexpr int titleLines = 3;
+constexpr int textWidth = 48 * grid, signSide = 7 * grid;
+constexpr int titleLines = 2;
 constexpr int mostTextHeight = 40 * grid;  // then it scrolls
 constexpr int longestRun = 24;             // characters without a blank: no word of ours is longer
 
@@ -53,38 +51,23 @@ QString paragraphs(const std::string& text) {
 }
 
 /// Both ends of a title say something: it names a host in its midst.
-QString shortened(const QString& title, const QFont& font) {
-    const QFontMetrics metrics(font);
-    return metrics.elidedText(title, Qt::ElideMiddle, textWidth * (titleLines - 1));
+QString shortened(const std::string& title, const QFont& font) {
+    constexpr std::size_t longestTitle = 1 << 16;  // bytes, of which next to nothing is seen
+    const QString line = QString::fromStdString(printableLine(title, longestTitle));
+    return breakable(
+        QFontMetrics(font).elidedText(line, Qt::ElideMiddle, textWidth * titleLines - textWidth / 2));
 }
 
-/// The program's sign, with a mark at its corner when something is wrong.
-QPixmap signOf(Alert::Style style, double devicePixelRatio) {
-    QPixmap sign = logoPixmap(signSide, devicePixelRatio);
-    if (style == Alert::Style::informational) return sign;
-    QPainter painter(&sign);
-    painter.setRenderHint(QPainter::Antialiasing);
-    const QRectF field(signSide - badgeSide, signSide - badgeSide, badgeSide, badgeSide);
-    const bool isCritical = style == Alert::Style::critical;
-    const QColor ground = isCritical ? QColor(0xD9, 0x2D, 0x20) : QColor(0xFF, 0xB8, 0x00);
-    const QColor ink = isCritical ? QColor(Qt::white) : QColor(0x2A, 0x20, 0x00);
-    painter.setPen(QPen(Qt::white, 1.5));
-    painter.setBrush(ground);
-    if (isCritical) {
-        painter.drawEllipse(field.adjusted(1, 1, -1, -1));
-    } else {
-        const QPointF corners[] = {{field.center().x(), field.top() + 1.5},
-                                   {field.right() - 0.75, field.bottom() - 2},
-                                   {field.left() + 0.75, field.bottom() - 2}};
-        painter.setPen(QPen(Qt::white, 1.5, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
-        painter.drawPolygon(corners, 3);
+LogoView::Badge badgeOf(Alert::Style style) {
+    switch (style) {
+        case Alert::Style::informational:
+            return LogoView::Badge::none;
+        case Alert::Style::warning:
+            return LogoView::Badge::warning;
+        case Alert::Style::critical:
+            return LogoView::Badge::critical;
     }
-    const double middle = field.center().x(), top = field.top() + (isCritical ? 6 : 9),
-                 foot = field.bottom() - (isCritical ? 7 : 5);
-    painter.setPen(QPen(ink, 2.4, Qt::SolidLine, Qt::RoundCap));
-    painter.drawLine(QPointF(middle, top), QPointF(middle, foot - 4.5));
-    painter.drawPoint(QPointF(middle, foot));
-    return sign;
+    return {};
 }
 
 QLabel* wrappedLabel(const QString& text, const QFont& font, QWidget* parent) {
@@ -120,14 +103,12 @@ AlertWindow::AlertWindow(const Alert& alert)
       lastButton_(alert.buttons.empty() ? 0 : alert.buttons.size() - 1) {
     setWindowTitle(QStringLiteral("Velmora"));
     const QFont titleFont = Style::font(1.15, QFont::Bold);
-    const QString title = Style::line(alert.title);
-    setAccessibleName(title);
+    setAccessibleName(Style::line(alert.title));
 
-    auto* const sign = new QLabel(this);
-    sign->setPixmap(signOf(alert.style, devicePixelRatioF()));
+    auto* const sign = new LogoView(signSide, badgeOf(alert.style), this);
     auto* const words = new QVBoxLayout;
     words->setSpacing(grid);
-    words->addWidget(wrappedLabel(breakable(shortened(title, titleFont)), titleFont, this));
+    words->addWidget(wrappedLabel(shortened(alert.title, titleFont), titleFont, this));
     if (!alert.text.empty()) words->addWidget(textField(paragraphs(alert.text), this));
     words->addStretch(1);
     auto* const top = new QHBoxLayout;

@@ -129,10 +129,6 @@ void DebugLogWindow::emptyText() {
     showTimer_.reset();
     waiting_.clear();
     text_->clear();
-    // What is selected up to the end does not grow with it.
-    QTextCursor caret = text_->textCursor();
-    caret.setKeepPositionOnInsert(true);
-    text_->setTextCursor(caret);
 }
 
 void DebugLogWindow::append(const std::deque<DebugLog::Entry>& entries) {

@@ -65,6 +65,7 @@ TEST_F(DebugLogWindowTest, showsEachLineOnceWhateverComesWhileItOpensClosesAndCl
     pass();
     EXPECT_EQ(shown(), log_.plainText());
     EXPECT_EQ(text().document()->blockCount(), 3);
+    EXPECT_FALSE(text().textCursor().hasSelection());
 
     write("not shown any more");
     window_->close();

@@ -2,11 +2,10 @@
 
 #include <QWidget>
 
-class QLabel;
-
 namespace velmora {
 
 class DigitField;
+class InkLabel;
 
 /// A field with its name above it and a line of words below it: what belongs in the field, or what is wrong
 /// with what is there.
@@ -20,15 +19,9 @@ public:
     void setWords(const QString& words, Tone tone);
     QString words() const;
 
-protected:
-    void changeEvent(QEvent* event) override;
-
 private:
-    void colourWords();
-
     QWidget* field_;
-    QLabel* words_;
-    Tone tone_ = Tone::hint;
+    InkLabel* words_;
 };
 
 /// The button beside a field that shows what is typed there, or dots.

@@ -1,11 +1,10 @@
 #include "Viewer/Window/Appearance.h"
 
 #include <QApplication>
-#include <QPainter>
 #include <QPalette>
-#include <QProxyStyle>
-#include <QStyleOption>
 #include <QWidget>
+
+#include "Viewer/Window/WidgetStyle.h"
 
 namespace velmora::Appearance {
 
@@ -14,34 +13,6 @@ namespace {
 bool isDark(const QPalette& palette) {
     return palette.color(QPalette::Window).lightness() < 128;
 }
-
-/// Fusion, with plain words on buttons and some air in menu bars; menus are ours.
-class Style final : public QProxyStyle {
-public:
-    Style() : QProxyStyle(QStringLiteral("Fusion")) {}
-    int styleHint(StyleHint hint, const QStyleOption* option, const QWidget* widget,
-                  QStyleHintReturn* result) const override {
-        if (hint == SH_DialogButtonBox_ButtonsHaveIcons) return 0;
-        return QProxyStyle::styleHint(hint, option, widget, result);
-    }
-    /// Menus as raised areas with an edge: Fusion's can hardly be told from a dark window below them.
-    void drawPrimitive(PrimitiveElement element, const QStyleOption* option, QPainter* painter,
-                       const QWidget* widget) const override {
-        if (element != PE_PanelMenu) return QProxyStyle::drawPrimitive(element, option, painter, widget);
-        QColor edge = option->palette.color(QPalette::WindowText);
-        edge.setAlphaF(0.25F);
-        painter->save();
-        painter->setPen(edge);
-        painter->setBrush(option->palette.button());
-        painter->drawRect(option->rect.adjusted(0, 0, -1, -1));
-        painter->restore();
-    }
-    int pixelMetric(PixelMetric metric, const QStyleOption* option, const QWidget* widget) const override {
-        if (metric == PM_MenuBarHMargin) return grid / 2;
-        if (metric == PM_MenuBarVMargin) return grid / 4;
-        return QProxyStyle::pixelMetric(metric, option, widget);
-    }
-};
 
 // Text on its background has a contrast of at least 4.5 to 1 in both.
 QPalette palette(bool dark) {
@@ -78,7 +49,7 @@ QPalette palette(bool dark) {
 
 void apply(Theme theme) {
     static const bool desktopIsDark = isDark(QApplication::palette());
-    static const bool isStyled = (QApplication::setStyle(new Style), true);
+    static const bool isStyled = (QApplication::setStyle(new WidgetStyle), true);
     if (!isStyled) return;
     QApplication::setPalette(palette(theme == Theme::dark || (theme == Theme::automatic && desktopIsDark)));
 }
