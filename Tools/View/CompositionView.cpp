@@ -6,7 +6,9 @@
 #include <memory>
 #include <utility>
 
+#include "App/AboutWindow.h"
 #include "App/CompositionViewer.h"
+#include "App/DebugLogWindow.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
 #include "Platform/Linux/EventLoop/QuitSignals.h"
 #include "Platform/Linux/Window/X11KeyboardWatch.h"
@@ -50,13 +52,22 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
     introduceApplication();
     Appearance::apply(ThemePreferences::saved(shared.preferences));
 
+    DebugLogWindow diary({DebugLog::shared(), main, shared.preferences, shared.pasteboard});
+    AboutWindow about;
+    const MainMenu::Application menu{
+        .about = [&about] { about.present(); },
+        .quit = [] { QCoreApplication::quit(); },
+        .showDebugLog = [&diary] { diary.present(DebugLogWindow::Focus::take); }};
+
     int status = 0;
     std::list<std::unique_ptr<ViewerSession>> sessions;
     for (ViewerOptions host : options.hosts) {
         host.clientName = shared.machine.localizedName();
-        auto& session =
-            *sessions.emplace_back(std::make_unique<ViewerSession>(std::move(host), services.forSession()));
-        session.window().setMenuBar(*new MainMenu(session, {.quit = [] { QCoreApplication::quit(); }}));
+        auto sessionServices = services.forSession();
+        sessionServices.showDebugLog = menu.showDebugLog;
+        auto& session = *sessions.emplace_back(
+            std::make_unique<ViewerSession>(std::move(host), std::move(sessionServices)));
+        session.window().setMenuBar(*new MainMenu(session, menu));
         session.onClose = [&,
                            place = std::prev(sessions.end())](const std::optional<ConnectionError>& error) {
             if (error) {
@@ -70,6 +81,8 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
     const X11KeyboardWatch keyboard([&sessions] {
         for (const auto& session : sessions) session->keyboardTaken();
     });
+    if (ViewerPreferences::openDebugLogOnConnect(shared.preferences))
+        diary.present(DebugLogWindow::Focus::leave);
     for (const auto& session : sessions) session->start();
     quitSignals.deliver(main, [] { QCoreApplication::quit(); });
     QCoreApplication::exec();
