@@ -1,7 +1,6 @@
 #include "App/DeviceList.h"
 
 #include <QApplication>
-#include <QPainter>
 #include <QScrollBar>
 #include <QVBoxLayout>
 #include <algorithm>
@@ -52,32 +51,6 @@ MenuRow::Content contentOf(const Device& device) {
     return content;
 }
 
-/// A bar that lies quietly at the edge.
-class ThinScrollBar final : public QScrollBar {
-public:
-    explicit ThinScrollBar(QWidget* parent) : QScrollBar(Qt::Vertical, parent) {}
-    QSize sizeHint() const override { return {width_, QScrollBar::sizeHint().height()}; }
-
-protected:
-    void paintEvent(QPaintEvent*) override {
-        if (maximum() <= minimum()) return;
-        QPainter painter(this);
-        painter.setRenderHint(QPainter::Antialiasing);
-        const double span = maximum() - minimum() + pageStep();
-        const double length = std::max(height() * pageStep() / span, 3.0 * width_);
-        const double travel = height() - length;
-        const double top = travel * (value() - minimum()) / (maximum() - minimum());
-        QColor color = palette().color(QPalette::WindowText);
-        color.setAlphaF(isSliderDown() || underMouse() ? 0.55F : 0.35F);
-        painter.setPen(Qt::NoPen);
-        painter.setBrush(color);
-        painter.drawRoundedRect(QRectF(2, top, width_ - 4, length), 2, 2);
-    }
-
-private:
-    static constexpr int width_ = 8;
-};
-
 }  // namespace
 
 DeviceList::DeviceList(QWidget* parent)
@@ -89,7 +62,6 @@ DeviceList::DeviceList(QWidget* parent)
     setAccessibleName(QStringLiteral("Remote devices"));
     setFrameShape(QFrame::NoFrame);
     setFocusPolicy(Qt::NoFocus);
-    setVerticalScrollBar(new ThinScrollBar(this));
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     setWidgetResizable(true);

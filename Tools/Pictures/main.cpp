@@ -5,6 +5,7 @@
 
 #include "Tools/Pictures/PanelPictures.h"
 #include "Tools/Pictures/PictureFolder.h"
+#include "Tools/Pictures/WindowPictures.h"
 #include "Viewer/Window/Logo.h"
 
 /// Pictures of the application's windows in each of their states, over models that are made up.
@@ -31,6 +32,7 @@ int main(int argc, char** argv) {
     for (const bool dark : {false, true}) {
         folder.setLook(dark);
         velmora::takePanelPictures(folder);
+        velmora::takeWindowPictures(folder);
     }
     return folder.isWhole() ? 0 : 1;
 }

@@ -17,7 +17,7 @@ using Appearance::grid;
 
 constexpr double cornerRadius = 6;
 constexpr int leastControlHeight = 4 * grid, fieldPadding = 5;
-constexpr int barWidth = 10, leastSliderLength = 4 * grid;
+constexpr int barWidth = 8, leastSliderLength = 4 * grid;
 
 QColor shade(QColor color, float alpha) {
     color.setAlphaF(alpha);
@@ -127,7 +127,8 @@ QSize WidgetStyle::sizeFromContents(ContentsType type, const QStyleOption* optio
     QSize size = QProxyStyle::sizeFromContents(type, option, contents, widget);
     if (type == CT_PushButton) size.setWidth(std::max(size.width(), contents.width() + 4 * grid));
     if (type == CT_PushButton || (type == CT_LineEdit && isField(widget)))
-        size.setHeight(std::max(size.height(), leastControlHeight));
+        size.setHeight(
+            std::max({size.height(), leastControlHeight, option->fontMetrics.height() + 2 * grid}));
     return size;
 }
 
