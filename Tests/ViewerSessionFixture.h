@@ -34,7 +34,7 @@ protected:
     void open(ScreenMode mode = ScreenMode::matchWindow) {
         ViewerPreferences::setScreenMode(preferences, mode);
         session = std::make_unique<ViewerSession>(
-            ViewerOptions{.target = Endpoint::hostPort("10.0.0.5", 47272), .name = "Desk"},
+            ViewerOptions{.target = Endpoint::hostPort("10.0.0.5", 47272), .name = name},
             ViewerSession::Services{
                 .connection = {.transport = link,
                                .preferences = preferences,
@@ -124,6 +124,7 @@ protected:
                            .systemFolder = [this] { return scratch.path(); }}};
     ScriptedHost host{link, hostQueue, {}};
     std::function<void()> prepare;  // before the session starts
+    std::string name = "Desk";
     bool isPointerHeld = false;
     std::vector<std::filesystem::path> revealed;
     std::string ended;

@@ -35,7 +35,7 @@ void fillDisplayMenu(QMenu& menu, const DisplayList& list,
     menu.setToolTipsVisible(true);
     const auto add = [&](const QString& words, bool isCurrent, std::optional<std::uint32_t> id) {
         QAction* const entry = menu.addAction(menuEntry(menu, words));
-        entry->setCheckable(true);
+        entry->setCheckable(isCurrent);  // no empty boxes: a tick on one of them
         entry->setChecked(isCurrent);
         entry->setToolTip(words);
         QObject::connect(entry, &QAction::triggered, entry, [entry, isCurrent, id, choose] {

@@ -122,8 +122,9 @@ void MainMenu::fillWindows() {
     windows_->addSeparator();
     for (ViewerWindow* const window : open) {
         QAction* const item = windows_->addAction(menuEntry(*windows_, window->windowTitle()));
-        item->setCheckable(true);
-        item->setChecked(window == &session_.window());
+        const bool isThis = window == &session_.window();
+        item->setCheckable(isThis);
+        item->setChecked(isThis);
         connect(item, &QAction::triggered, window, [window] {
             window->setWindowState(window->windowState() & ~Qt::WindowMinimized);
             window->show();

@@ -11,7 +11,7 @@ namespace velmora {
 namespace {
 
 constexpr double signSide = 20, cornerRadius = 6;
-constexpr int widestWords = 220, wordMargin = 12, chevronWidth = 10;
+constexpr int widestWords = 220, narrowestWords = 90, wordMargin = 12, chevronWidth = 10;
 
 QPainterPath magnifier() {
     QPainterPath path;
@@ -131,6 +131,7 @@ void ToolbarButton::setSymbol(Symbol symbol) {
 void ToolbarButton::setWords(const QString& words) {
     symbol_ = Symbol::none;
     setText(words);
+    setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Fixed);
     setAccessibleDescription(words);
     updateGeometry();
     update();
@@ -145,6 +146,10 @@ QSize ToolbarButton::sizeHint() const {
     if (symbol_ != Symbol::none) return {side + 4, side};
     const int words = std::min(fontMetrics().horizontalAdvance(text()), widestWords);
     return {words + 2 * wordMargin + Appearance::grid + chevronWidth, side};
+}
+
+QSize ToolbarButton::minimumSizeHint() const {
+    return symbol_ == Symbol::none ? sizeHint().boundedTo({narrowestWords, side}) : sizeHint();
 }
 
 bool ToolbarButton::event(QEvent* event) {

@@ -17,14 +17,14 @@ public:
     ToolbarButton(Symbol symbol, const QString& label, const QString& toolTip, QWidget* parent);
 
     void setSymbol(Symbol symbol);
-    /// Its words, cut where they become too long; then it has no sign.
+    /// Its words, cut where they become too long or the bar too short; then it has no sign.
     void setWords(const QString& words);
     /// Shown as pressed while its menu is open.
     void setMenuOpen(bool open);
 
     static constexpr int side = 32;
     QSize sizeHint() const override;
-    QSize minimumSizeHint() const override { return sizeHint(); }
+    QSize minimumSizeHint() const override;
 
 protected:
     void paintEvent(QPaintEvent* event) override;

@@ -21,7 +21,6 @@ namespace {
 
 using ToolbarStatus = ViewerToolbar::Status;
 
-constexpr double partOfScreen = 0.85;  // that a window takes
 constexpr std::size_t longestName = 200;
 
 QString textOf(std::string_view words) {
@@ -105,9 +104,7 @@ void ViewerSession::start() {
 }
 
 void ViewerSession::prepareWindow() {
-    const QSize frame = window_.visibleFrame().size();
-    window_.setContentSize({static_cast<int>(std::lround(frame.width() * partOfScreen)),
-                            static_cast<int>(std::lround(frame.height() * partOfScreen))});
+    window_.setContentSize(window_.roomForContent().toSize());
     window_.setWindowTitle(shownName_);
     window_.centre();
 
@@ -211,9 +208,8 @@ void ViewerSession::startClipboard() {
 /// A display of a shape of its own: the window takes that shape.
 void ViewerSession::fitWindowTo(PixelSize size) {
     if (size.width <= 0 || size.height <= 0 || window_.isMaximized()) return;
-    const QSize frame = window_.visibleFrame().size();
-    const double fit =
-        std::min(frame.width() * partOfScreen / size.width, frame.height() * partOfScreen / size.height);
+    const QSizeF room = window_.roomForContent();
+    const double fit = std::min(room.width() / size.width, room.height() / size.height);
     window_.setContentSize({static_cast<int>(size.width * fit), static_cast<int>(size.height * fit)});
     window_.centre();
 }

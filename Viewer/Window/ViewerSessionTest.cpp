@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <QKeyEvent>
+#include <QLayout>
 #include <QMessageBox>
 #include <nlohmann/json.hpp>
 
@@ -92,6 +93,32 @@ TEST_F(ViewerSessionTest, displaysAreChosenFromAMenu) {
     advance(50ms);
     EXPECT_EQ(DisplaySelection::decode(host.lastOf(MessageType::selectDisplay))->window->width,
               window().view().width());
+}
+
+TEST_F(ViewerSessionTest, namesOfAnySortAreOneLineAndLeaveRoomForTheRest) {
+    name = "Tab\there\nand \x1B[31mred" + std::string(300, 'x');
+    open();
+    for (const QString& shown : {window().windowTitle(), window().connecting().words()}) {
+        EXPECT_TRUE(std::ranges::all_of(shown, [](QChar c) { return c.isPrint(); })) << shown.toStdString();
+        EXPECT_LT(shown.size(), 240);
+    }
+    stream({64, 48}, true);
+    const DisplayList list{.displays = {{4, "Wall\n" + std::string(300, 'y'), 800, 600}}, .currentID = 4};
+    host.send(MessageType::displayList, list.encode());
+    advance(50ms);
+    ViewerToolbar& toolbar = window().toolbar();
+    for (const int width : {430, 640, 1200}) {
+        toolbar.resize(width, ViewerToolbar::barHeight);
+        advance(10ms);
+        int end = 0;
+        for (int i = 0; i < toolbar.layout()->count(); ++i) {
+            const QWidget* const part = toolbar.layout()->itemAt(i)->widget();
+            if (!part || !part->isVisible()) continue;
+            EXPECT_GE(part->x(), end) << width << " " << part->accessibleName().toStdString();
+            end = part->geometry().right();
+        }
+        EXPECT_LT(end, width);
+    }
 }
 
 TEST_F(ViewerSessionTest, aScreenshotIsSavedAndShownOrTheReasonTold) {

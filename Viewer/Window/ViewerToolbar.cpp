@@ -8,7 +8,7 @@
 #include <QMenu>
 #include <QPainter>
 #include <QSlider>
-#include <algorithm>
+#include <climits>
 #include <cmath>
 
 #include "VelmoraKit/Core/Utf8.h"
@@ -21,7 +21,8 @@ namespace velmora {
 
 namespace {
 
-constexpr int perZoom = 100;  // steps of the slider
+constexpr int perZoom = 100;        // steps of the slider
+constexpr int roomForSlider = 600;  // points; in a shorter bar the buttons beside it must do
 constexpr double snapBelow = 1.1, zoomStep = 0.5;
 constexpr std::size_t longestLine = 300;  // bytes that are worth looking at
 
@@ -52,6 +53,43 @@ private:
     QColor color_;
 };
 
+/// Words that are cut where the bar has no room for them, and are then part of the tool tip.
+class ViewerToolbar::StatusLine final : public QLabel {
+public:
+    explicit StatusLine(QWidget* parent) : QLabel(parent) {
+        setTextFormat(Qt::PlainText);
+        setSizePolicy(QSizePolicy::Maximum, QSizePolicy::Preferred);
+    }
+    void say(const QString& words, const QString& detail) {
+        setText(words);
+        detail_ = detail;
+        updateToolTip();
+    }
+    QSize minimumSizeHint() const override { return sizeHint().boundedTo({leastWidth, INT_MAX}); }
+
+protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter painter(this);
+        painter.setPen(palette().color(QPalette::WindowText));
+        painter.drawText(rect(), Qt::AlignVCenter | Qt::AlignLeft,
+                         fontMetrics().elidedText(text(), Qt::ElideRight, width()));
+    }
+    void resizeEvent(QResizeEvent* event) override {
+        QLabel::resizeEvent(event);
+        updateToolTip();
+    }
+
+private:
+    void updateToolTip() {
+        QStringList lines;
+        if (width() < sizeHint().width()) lines << text();
+        if (!detail_.isEmpty()) lines << detail_;
+        setToolTip(lines.join('\n'));
+    }
+    static constexpr int leastWidth = 48;
+    QString detail_;
+};
+
 std::string ViewerToolbar::Status::words() const {
     switch (kind) {
         case Kind::connecting:
@@ -75,9 +113,8 @@ ViewerToolbar::ViewerToolbar(QWidget* parent) : QWidget(parent) {
     row->setSpacing(grid / 2);
 
     dot_ = new StatusDot(this);
-    status_ = new QLabel(this);
+    status_ = new StatusLine(this);
     status_->setAccessibleDescription(QStringLiteral("Status"));
-    status_->setTextFormat(Qt::PlainText);
     row->addWidget(dot_);
     row->addSpacing(grid / 2);
     row->addWidget(status_);
@@ -131,9 +168,9 @@ ViewerToolbar::ViewerToolbar(QWidget* parent) : QWidget(parent) {
 }
 
 void ViewerToolbar::showWhatWorks() {
-    for (QWidget* const part :
-         {static_cast<QWidget*>(zoomOut_), static_cast<QWidget*>(zoom_), static_cast<QWidget*>(zoomIn_)})
-        part->setVisible(onZoom != nullptr);
+    zoomOut_->setVisible(onZoom != nullptr);
+    zoomIn_->setVisible(onZoom != nullptr);
+    zoom_->setVisible(onZoom != nullptr && width() >= roomForSlider);
     screenshot_->setVisible(onScreenshot != nullptr);
     stats_->setVisible(onToggleStats != nullptr);
     debug_->setVisible(onShowDebugLog != nullptr);
@@ -148,8 +185,7 @@ void ViewerToolbar::setStatus(const Status& status, const std::string& detail) {
                               : status.kind == Kind::failed    ? StatusColor::bad
                                                                : StatusColor::busy;
     dot_->setColor(Appearance::colorOf(color));
-    status_->setText(textOf(status.words()));
-    status_->setToolTip(textOf(detail));
+    status_->say(textOf(status.words()), textOf(detail));
 }
 
 void ViewerToolbar::update(const DisplayList& list) {
@@ -205,6 +241,10 @@ bool ViewerToolbar::eventFilter(QObject* object, QEvent* event) {
         return true;
     }
     return QWidget::eventFilter(object, event);
+}
+
+void ViewerToolbar::resizeEvent(QResizeEvent*) {
+    zoom_->setVisible(onZoom != nullptr && width() >= roomForSlider);
 }
 
 void ViewerToolbar::paintEvent(QPaintEvent*) {

@@ -8,7 +8,6 @@
 
 #include "VelmoraKit/Wire/DisplayRecords.h"
 
-class QLabel;
 class QMenu;
 class QSlider;
 
@@ -58,16 +57,18 @@ public:
 
 protected:
     void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
     bool eventFilter(QObject* object, QEvent* event) override;
 
 private:
     class StatusDot;
+    class StatusLine;
     void stepZoom(int direction);
     void sliderMoved();
     void openDisplayMenu();
 
     StatusDot* dot_;
-    QLabel* status_;
+    StatusLine* status_;
     ToolbarButton* display_;
     QMenu* displayMenu_;
     ToolbarButton* zoomOut_;

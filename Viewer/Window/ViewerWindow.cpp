@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 
 constexpr auto revealDelay = 250ms;  // the host's own menu may be at the top too
 constexpr int statsMargin = 10;
+constexpr QSizeF usualFrame{16, 40};  // while the window manager has not put its own around the window
 
 }  // namespace
 
@@ -51,6 +52,13 @@ void ViewerWindow::setContentSize(QSize size) {
 QRect ViewerWindow::visibleFrame() const {
     const QScreen* at = isVisible() ? screen() : QGuiApplication::primaryScreen();
     return at ? at->availableGeometry() : QRect(0, 0, 1280, 800);
+}
+
+QSizeF ViewerWindow::roomForContent() const {
+    const QSizeF screen = visibleFrame().size();
+    const QSizeF known = frameGeometry().size() - size();
+    const QSizeF frame = known.isEmpty() ? usualFrame : known;
+    return (screen * partOfScreen).boundedTo(screen - frame - QSizeF(0, barsHeight()));
 }
 
 void ViewerWindow::centre() {
@@ -129,10 +137,8 @@ void ViewerWindow::pointerMovedTo(int y) {
 
 /// A screen of few points, as a small one of double density has, must still hold the window and its frame.
 void ViewerWindow::limitSize() {
-    constexpr double mostOfScreen = 0.85;
-    const QSize room = visibleFrame().size() * mostOfScreen;
-    setMinimumSize(std::min(leastContent.width(), room.width()),
-                   std::min(leastContent.height() + barsHeight(), room.height()));
+    const QSize least = leastContent.boundedTo(roomForContent().toSize());
+    setMinimumSize(least.width(), least.height() + barsHeight());
 }
 
 void ViewerWindow::layOut() {

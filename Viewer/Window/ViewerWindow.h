@@ -56,8 +56,12 @@ public:
     void centre();
     /// The part of its screen, or else of the main one, that windows may use.
     QRect visibleFrame() const;
+    /// The largest picture's part of a window that leaves some of that screen free and fits on it, with bars
+    /// and frame.
+    QSizeF roomForContent() const;
     void toggleFullScreen();
 
+    static constexpr double partOfScreen = 0.85;    // that a window takes
     static constexpr QSize leastContent{640, 400};  // less on a screen that has no room for it
 
 protected:

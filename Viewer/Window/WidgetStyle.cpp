@@ -104,6 +104,7 @@ WidgetStyle::WidgetStyle() : QProxyStyle(QStringLiteral("Fusion")) {}
 int WidgetStyle::styleHint(StyleHint hint, const QStyleOption* option, const QWidget* widget,
                            QStyleHintReturn* result) const {
     if (hint == SH_DialogButtonBox_ButtonsHaveIcons) return 0;
+    if (hint == SH_Menu_Scrollable) return 1;  // rather than columns all over the screen
     return QProxyStyle::styleHint(hint, option, widget, result);
 }
 
