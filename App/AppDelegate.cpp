@@ -281,6 +281,11 @@ void AppDelegate::keyboardTaken() {
     for (const Session& session : sessions_) session.viewer->keyboardTaken();
 }
 
+bool AppDelegate::startedAgain() {
+    if (!isQuitting_) windows_->showPanel();
+    return !isQuitting_;
+}
+
 // The end
 
 void AppDelegate::quit() {

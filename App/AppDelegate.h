@@ -68,8 +68,8 @@ public:
     /// there was somebody to say goodbye to.
     bool leave();
 
-    /// The program was started once more.
-    void showPanel() { windows_->showPanel(); }
+    /// The program was started once more: shows the panel. False: it is about to end.
+    bool startedAgain();
     /// See Windows::Viewer.
     void keyboardTaken();
 

@@ -450,7 +450,7 @@ TEST_F(AppDelegateTest, thePanelAsksWhoIsOnlineWheneverItOpens) {
     start();
     add({.name = "Den", .hostID = "987654321", .password = "123123"});
     const auto before = http.requests.size();
-    delegate->showPanel();
+    EXPECT_TRUE(delegate->startedAgain());
     settle();
     EXPECT_EQ(http.requests.size(), before + 1);
     windows->onOpenSettings();
@@ -496,6 +496,7 @@ TEST_F(AppDelegateTest, quittingTellsEverybodyAndLosesNothing) {
     EXPECT_THAT(windows->viewers, IsEmpty());
     EXPECT_EQ(state().serverStatus, "Stopped");
     EXPECT_EQ(timesQuit, 0) << "goodbyes are on their way";
+    EXPECT_FALSE(delegate->startedAgain());
     time.advanceBy(AppDelegate::goodbyeTime);
     EXPECT_EQ(timesQuit, 1);
     time.advanceBy(10s);

@@ -16,13 +16,18 @@
 
 #include "App/AppDelegate.h"
 #include "App/CompositionShared.h"
+#include "App/CompositionViewer.h"
 #include "App/ConsoleLines.h"
 #include "App/LauncherWindow.h"
+#include "App/QtAlerts.h"
+#include "App/QtWindows.h"
 #include "App/Roles.h"
+#include "App/TrayStatusItem.h"
 #include "Host/InputInjector.h"
 #include "Host/StreamSession.h"
 #include "Platform/Linux/Capture/MakeScreenCapture.h"
 #include "Platform/Linux/Codec/VideoCodecFactories.h"
+#include "Platform/Linux/Display/WaylandDisplay.h"
 #include "Platform/Linux/Display/X11Displays.h"
 #include "Platform/Linux/Display/XConnection.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
@@ -30,6 +35,7 @@
 #include "Platform/Linux/Input/X11EventPoster.h"
 #include "Platform/Linux/Input/X11KeyboardLayout.h"
 #include "Platform/Linux/Launch/DesktopOpener.h"
+#include "Platform/Linux/Launch/SingleInstance.h"
 #include "Platform/Linux/Network/LinuxNetworkAddresses.h"
 #include "Platform/Linux/Network/QuicTransportStack.h"
 #include "Platform/Linux/Secrets/GnuTlsKeyStore.h"
@@ -38,12 +44,16 @@
 #include "Platform/Linux/System/JsonPreferenceStore.h"
 #include "Platform/Linux/System/PrivateFile.h"
 #include "Platform/Linux/System/SystemLog.h"
+#include "Platform/Linux/Tray/LinuxTrayPresence.h"
 #include "Platform/Linux/Web/QtHttpClient.h"
+#include "Platform/Linux/Window/X11KeyboardWatch.h"
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/ProcessCPUSampler.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
 #include "VelmoraKit/Transport/HostCertificate.h"
 #include "VelmoraKit/Transport/UdpProbes.h"
+#include "Viewer/Window/Appearance.h"
+#include "Viewer/Window/Logo.h"
 
 namespace velmora {
 
@@ -76,28 +86,29 @@ public:
     ApplicationServices(const ApplicationServices&) = delete;
     ApplicationServices& operator=(const ApplicationServices&) = delete;
 
-    AppDelegate::Services forDelegate(Alerts& alerts) {
+    AppDelegate::Services forDelegate(
+        Alerts& alerts, std::function<std::unique_ptr<Windows>(const Windows::Contents&)> makeWindows) {
         return {
             .preferences = shared_.preferences,
             .keychain = keychain_,
             .http = http_,
             .worker = shared_.worker,
-            .server = {.main = main_,
-                       .quic = quic_,
-                       .transport = *transport_,
-                       .discovery = shared_.discovery,
-                       .keepAwake = shared_.keepAwake,
-                       .machine = shared_.machine,
-                       .loadCertificate = [this] { return HostCertificate::load(keys_); },
-                       .machineKind = [this] { return thisMacKind(shared_.preferences, shared_.machine); },
-                       .makeSession =
-                           [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }},
+            .server = {
+                .main = main_,
+                .quic = quic_,
+                .transport = *transport_,
+                .discovery = shared_.discovery,
+                .keepAwake = shared_.keepAwake,
+                .machine = shared_.machine,
+                .loadCertificate = [this] { return HostCertificate::load(keys_); },
+                .machineKind = [this] { return thisMacKind(shared_.preferences, shared_.machine); },
+                .makeSession = [this](AdmittedViewer viewer) { return makeSession(std::move(viewer)); }},
             .rendezvous = shared_.rendezvous,
             .sockets = shared_.sockets,
             .probes = probes_,
             .addresses = addresses_,
             .alerts = alerts,
-            .makeWindows = [](const Windows::Contents&) { return std::make_unique<NoWindows>(); },
+            .makeWindows = std::move(makeWindows),
             .openViewerSuite =
                 [] {
                     return std::make_unique<JsonPreferenceStore>(configFolder() / "com.velmora.viewer.json");
@@ -165,12 +176,16 @@ void takeLeave() {
     std::_Exit(EXIT_FAILURE);  // other threads are running: nothing may be destroyed under them
 }
 
-/// Windows where there is an X server for them: Qt would end the process on looking for one in vain.
+/// Windows where there is a display for them: Qt would end the process on looking for one in vain.
 std::unique_ptr<QCoreApplication> makeQt(int& argc, char** argv) {
+    const bool hasX = XConnection::open().ok();
     std::unique_ptr<QCoreApplication> qt;
-    if (XConnection::open()) {
+    if (hasX || hasWaylandDisplay()) {
+        // By itself Qt would go by the name of the session, which a script may have left out.
+        if (!hasX && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "wayland");
         qt = std::make_unique<QApplication>(argc, argv);
         QApplication::setQuitOnLastWindowClosed(false);
+        introduceApplication();
     } else {
         qt = std::make_unique<QCoreApplication>(argc, argv);
     }
@@ -178,18 +193,81 @@ std::unique_ptr<QCoreApplication> makeQt(int& argc, char** argv) {
     return qt;
 }
 
+/// The application's windows and alerts, and what they stand on.
+class Screen {
+public:
+    explicit Screen(SharedServices& shared)
+        : shared_(shared), viewer_(shared), tray_(windowKind()), statusItem_(tray_), alerts_(shared.main) {}
+
+    Alerts& alerts() { return alerts_; }
+    std::unique_ptr<Windows> makeWindows(const Windows::Contents& contents) {
+        Appearance::apply(ThemePreferences::saved(shared_.preferences));  // before the first widget
+        // A session that starts us with itself says so. Nobody has asked for a window then: without a tray a
+        // second start opens the panel.
+        const bool isAskedFor = !qEnvironmentVariableIsSet("DESKTOP_AUTOSTART_ID");
+        MenuPanelController::Parameters panel;
+        if (!isAskedFor) panel.trayPatience.reset();
+        return std::make_unique<QtWindows>(
+            contents, QtWindows::Services{.main = shared_.main,
+                                          .preferences = shared_.preferences,
+                                          .pasteboard = shared_.pasteboard,
+                                          .statusItem = statusItem_,
+                                          .forSession = [this] { return viewer_.forSession(); },
+                                          .panel = panel});
+    }
+    /// For whoever starts the program again.
+    static std::string place() {
+        const bool isX = windowKind() == LinuxTrayPresence::Windows::x11;
+        return qEnvironmentVariable(isX ? "DISPLAY" : "WAYLAND_DISPLAY").toStdString();
+    }
+
+private:
+    static LinuxTrayPresence::Windows windowKind() {
+        return QGuiApplication::platformName() == QLatin1String("xcb") ? LinuxTrayPresence::Windows::x11
+                                                                       : LinuxTrayPresence::Windows::wayland;
+    }
+
+    SharedServices& shared_;
+    ViewerServices viewer_;
+    LinuxTrayPresence tray_;
+    TrayStatusItem statusItem_;
+    QtAlerts alerts_;
+};
+
+/// In a second start: what the first said, which is for whoever started it.
+int tellSecondStart(const SingleInstance& instance) {
+    if (instance.answer()) {
+        printLine(*instance.answer());
+        return EXIT_SUCCESS;
+    }
+    fmt::print(stderr, "Velmora: it is running already, but does not answer\n");
+    return EXIT_FAILURE;
+}
+
 }  // namespace
 
 int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
     QuitSignals quitSignals;  // before any thread
     const auto qt = makeQt(argc, argv);
+    SingleInstance instance(SingleInstance::defaultPlace());
+    if (!instance.isFirst()) return tellSecondStart(instance);
     QtMainQueue main;
     SystemLog::install();
 
     SharedServices shared(main, rendezvous);
     ApplicationServices services(shared);
     ConsoleLines lines(printLine);
-    AppDelegate delegate(services.forDelegate(lines));
+    std::optional<Screen> screen;
+    if (qobject_cast<QApplication*>(qt.get()))
+        screen.emplace(shared);
+    else
+        lines.tell("There is no display: Velmora shows no windows, and its viewers see nothing");
+    AppDelegate delegate(
+        services.forDelegate(screen ? screen->alerts() : static_cast<Alerts&>(lines),
+                             [&screen](const Windows::Contents& contents) -> std::unique_ptr<Windows> {
+                                 if (!screen) return std::make_unique<NoWindows>();
+                                 return screen->makeWindows(contents);
+                             }));
     delegate.onQuit = [] { QCoreApplication::quit(); };
     quitSignals.deliver(main, [&delegate] { delegate.quit(); });
     farewell = [&delegate] {
@@ -197,6 +275,12 @@ int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
         std::this_thread::sleep_for(AppDelegate::goodbyeTime);
     };
     std::atexit(takeLeave);
+    instance.listen([&]() -> std::optional<std::string> {
+        if (!delegate.startedAgain()) return std::nullopt;
+        if (!screen) return "Velmora is running already, without a display: it has no panel to show";
+        return fmt::format("Velmora is running already; its panel is open on {}", Screen::place());
+    });
+    const X11KeyboardWatch keyboard([&delegate] { delegate.keyboardTaken(); });
     delegate.start();
     lines.follow(delegate.identity(), delegate.menuModel());
     const int code = QCoreApplication::exec();

@@ -227,8 +227,8 @@ void MenuPanelController::closeUnlessActive() {
 void MenuPanelController::trayChanged() {
     patience_.reset();
     const bool hasWindow = panel_->isVisible() && panel_->form() == Panel::Form::window;
-    if (statusItem_.isAvailable() || hasWindow) return;
-    patience_ = main_.after(parameters_.trayPatience, [this] { show(); });
+    if (statusItem_.isAvailable() || hasWindow || !parameters_.trayPatience) return;
+    patience_ = main_.after(*parameters_.trayPatience, [this] { show(); });
 }
 
 }  // namespace velmora

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "App/MenuModel.h"
 #include "App/StatusItem.h"
@@ -18,8 +19,9 @@ namespace velmora {
 class MenuPanelController {
 public:
     struct Parameters {
-        /// How long a desktop that is starting may take to show its tray before the window opens.
-        std::chrono::milliseconds trayPatience{3000};
+        /// How long a desktop that is starting may take to show its tray before the window opens by itself;
+        /// none: it opens only when it is asked for.
+        std::optional<std::chrono::milliseconds> trayPatience{3000};
         /// A click on the item first takes the focus from the panel, which closes it, and must not open it
         /// again; people click twice in less, but rarely to see the same panel again.
         std::chrono::milliseconds reopenGuard{250};

@@ -61,6 +61,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
         "DBUS_SESSION_BUS_ADDRESS=disabled:",
         "VELMORA_SIGNALING=" + place.rendezvous,
         "QT_WAYLAND_DISABLE_WINDOWDECORATION=1",
+        "DESKTOP_AUTOSTART_ID=test",  // without a tray no window opens by itself
         "XAUTHORITY",
         place.wayland ? "XDG_SESSION_TYPE=wayland" : "XDG_SESSION_TYPE=x11",
         place.wayland ? "WAYLAND_DISPLAY=" + *place.wayland : "WAYLAND_DISPLAY",
