@@ -55,8 +55,14 @@ ViewerSession::ViewerSession(ViewerOptions options, Services services)
       window_(services_.makePainter(), preferences_, main_),
       keyboard_([this](bool take) { return grabKeys(take); }, main_),
       follower_([this] { return displayRequest(); }, services_.isPointerHeld, main_),
+      shapeKeeper_(services_.isPointerHeld, main_),
       connection_(std::move(options), connectionServices(), main_, services_.client) {
     if (services_.clipboard) clipboard_.emplace("host", debugLog, *services_.clipboard);
+    shapeKeeper_.onSize = [this](PixelSize size) {
+        // Its state may be told later than its size.
+        if (!window_.isMaximized() && !window_.isFullScreen())
+            window_.changeContentSize({size.width, size.height});
+    };
     follower_.onRequest = [this](const DisplayRequest& request) {
         debugLog(fmt::format("Window resized: asking for {}×{} pt @{}x", request.width, request.height,
                              request.scale));
@@ -131,10 +137,7 @@ void ViewerSession::prepareWindow() {
 }
 
 void ViewerSession::listenToWindow() {
-    window_.onResized = [this] {
-        tellScreenBeat();
-        if (!closed_) follower_.windowChanged();
-    };
+    window_.onResized = [this] { windowResized(); };
     window_.onActiveChanged = [this] { windowActiveChanged(); };
     window_.onMenuChanged = [this] { menuChanged(); };
     window_.onClose = [this] { closedByPerson(); };
@@ -196,6 +199,7 @@ void ViewerSession::streamChanged(PixelSize size, bool dynamic) {
     if (!dynamic && !window_.isFullScreen()) fitWindowTo(size);
     if (!dynamic || !wasFollowing) follower_.setFollowing(false);
     follower_.setFollowing(dynamic);
+    shapeKeeper_.setShape(dynamic ? std::nullopt : std::optional(size));
     window_.setWindowTitle(shownName_);
     stateChanged();
 }
@@ -267,6 +271,18 @@ DisplayRequest ViewerSession::displayRequest() {
     const VideoView& view = window_.view();
     return {
         .width = view.width(), .height = view.height(), .scale = window_.devicePixelRatioF() >= 2 ? 2 : 1};
+}
+
+void ViewerSession::windowResized() {
+    tellScreenBeat();
+    if (closed_) return;
+    follower_.windowChanged();
+    const auto points = [](QSize size) { return PixelSize{size.width(), size.height()}; };
+    const bool isFree = !window_.isMaximized() && !window_.isFullScreen();
+    shapeKeeper_.windowChanged(points(window_.view().size()),
+                               isFree ? std::optional(ShapeKeeper::Limits{points(ViewerWindow::leastContent),
+                                                                          points(window_.mostContent())})
+                                      : std::nullopt);
 }
 
 /// Pictures are drawn when they come; what counts is when the screen shows them.
@@ -380,6 +396,7 @@ void ViewerSession::tearDown() {
     streaming_ = false;
     window_.toolbar().setCaptureAvailable(false);
     follower_.setFollowing(false);
+    shapeKeeper_.setShape(std::nullopt);
     activity_.reset();
     displaySleep_.reset();
     if (statsLog_) statsLog_->close();

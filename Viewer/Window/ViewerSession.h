@@ -17,6 +17,7 @@
 #include "Viewer/Session/ViewerConnection.h"
 #include "Viewer/Window/KeyboardCapture.h"
 #include "Viewer/Window/PictureSlot.h"
+#include "Viewer/Window/ShapeKeeper.h"
 #include "Viewer/Window/ViewerWindow.h"
 #include "Viewer/Window/WindowFollower.h"
 
@@ -89,6 +90,7 @@ private:
     void streamChanged(PixelSize size, bool dynamic);
     void startClipboard();
     void fitWindowTo(PixelSize size);
+    void windowResized();
     void showDisplays(const DisplayList& list);
     void showStats(const ViewerStats::Snapshot& snapshot);
     void updateStatsOverlay();
@@ -115,6 +117,7 @@ private:
     ViewerWindow window_;
     KeyboardCapture keyboard_;
     WindowFollower follower_;
+    ShapeKeeper shapeKeeper_;
     ViewerConnection connection_;
     std::optional<ClipboardSync> clipboard_;
     std::unique_ptr<KeepAwake::Assertion> activity_, displaySleep_;

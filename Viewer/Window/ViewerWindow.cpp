@@ -49,6 +49,20 @@ void ViewerWindow::setContentSize(QSize size) {
     resize(size.width(), size.height() + barsHeight());
 }
 
+QSize ViewerWindow::mostContent() const {
+    return visibleFrame().size() - (frameGeometry().size() - view_->size());
+}
+
+void ViewerWindow::changeContentSize(QSize size) {
+    const QSize growth = size - view_->size();
+    const QRect visible = visibleFrame(), outer = frameGeometry();
+    const QRect after(outer.topLeft(), outer.size() + growth);
+    const QPoint beyond(std::max(0, after.right() - std::max(visible.right(), outer.right())),
+                        std::max(0, after.bottom() - std::max(visible.bottom(), outer.bottom())));
+    setContentSize(size);
+    if (!beyond.isNull()) move(outer.topLeft() - beyond);
+}
+
 QRect ViewerWindow::visibleFrame() const {
     const QScreen* at = isVisible() ? screen() : QGuiApplication::primaryScreen();
     return at ? at->availableGeometry() : QRect(0, 0, 1280, 800);

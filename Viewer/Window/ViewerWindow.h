@@ -53,6 +53,10 @@ public:
 
     /// Of the picture's part, in points.
     void setContentSize(QSize size);
+    /// The same for one that is shown: moved if it would leave the screen.
+    void changeContentSize(QSize size);
+    /// That fits on its screen, with what is around it.
+    QSize mostContent() const;
     void centre();
     /// The part of its screen, or else of the main one, that windows may use.
     QRect visibleFrame() const;
