@@ -63,7 +63,6 @@ AddDeviceWindow::AddDeviceWindow(Queue& main, const Opening& opening)
     hostID_->setDigits(opening.hostID);
     hostID_->setPlaceholderText(QStringLiteral("123 456 789"));
     hostID_->setObjectName(QStringLiteral("hostID"));
-    password_->setPlaceholderText(QStringLiteral("123456"));
     password_->setObjectName(QStringLiteral("password"));
 
     auto* const nameRow = new FormRow(QStringLiteral("Name"), name_, nullptr, this);

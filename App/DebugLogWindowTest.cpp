@@ -2,6 +2,7 @@
 
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScreen>
 #include <QScrollBar>
 #include <QTextBlock>
 
@@ -136,12 +137,19 @@ TEST_F(DebugLogWindowTest, opensWhereItWasAndNeverOutOfReach) {
     EXPECT_EQ(window_->size(), QSize(500, 300));
     EXPECT_EQ(window_->pos(), QPoint(40, 50));
 
-    for (const char* const broken :
-         {"9000 9000 500 300", "1 2 3", "0 0 99999999999 1", "0 0 -500 300", "x"}) {
-        preferences_.set(PreferenceKeys::debugLogFrame, std::string(broken));
+    struct Case {
+        const char* saved;
+        QSize size;
+    };
+    for (const Case& each :
+         {Case{"9000 9000 500 300", {500, 300}}, Case{"1 2 3", {720, 360}},
+          Case{"0 0 99999999999 1", {720, 360}}, Case{"0 0 -500 300", {720, 360}}, Case{"x", {720, 360}}}) {
+        preferences_.set(PreferenceKeys::debugLogFrame, std::string(each.saved));
         window_ = std::make_unique<DebugLogWindow>(
             DebugLogWindow::Services{log_, main_, preferences_, pasteboard_});
-        EXPECT_EQ(window_->size(), QSize(720, 360)) << broken;
+        EXPECT_EQ(window_->size(), each.size) << each.saved;
+        const QRect frame(window_->pos(), window_->size());
+        EXPECT_TRUE(QGuiApplication::primaryScreen()->geometry().contains(frame)) << each.saved;
     }
 }
 

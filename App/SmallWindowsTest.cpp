@@ -1,3 +1,4 @@
+#include <QAccessible>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QTest>
@@ -108,6 +109,27 @@ TEST_F(SmallWindowsTest, whatIsConfirmedIsToldWhenTheWindowHasClosed) {
     time_.settle();
     EXPECT_EQ(told, (std::vector<AddDeviceWindow::Entry>{
                         {.name = "Attic", .hostID = "123456789", .password = "000042", .connect = true}}));
+}
+
+// For those who hear the screen and those who use no pointer.
+TEST_F(SmallWindowsTest, everyControlHasANameAndIsReachedByKey) {
+    AddDeviceWindow add(main_, {});
+    ChangePasswordWindow password(main_, "012345");
+    AlertWindow alert({.title = "a", .text = std::string(20'000, 'x'), .buttons = {"One", "Two"}});
+    const std::pair<QDialog*, int> windows[] = {{&add, 7}, {&password, 4}, {&alert, 3}};
+    for (const auto& [window, controls] : windows) {
+        window->show();
+        turnEvents();
+        std::set<QWidget*> reached;
+        for (QWidget* at = window->focusWidget(); at && reached.insert(at).second;
+             at = window->focusWidget()) {
+            const auto name = QAccessible::queryAccessibleInterface(at)->text(QAccessible::Name);
+            EXPECT_FALSE(name.isEmpty()) << at->metaObject()->className();
+            for (auto* const button : window->findChildren<QPushButton*>()) button->setEnabled(true);
+            QTest::keyClick(at, Qt::Key_Tab);
+        }
+        EXPECT_EQ(static_cast<int>(reached.size()), controls) << window->windowTitle().toStdString();
+    }
 }
 
 // Changing the password

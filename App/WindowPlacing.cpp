@@ -21,6 +21,11 @@ constexpr auto settleTime = 500ms;     // a drag is one change
 constexpr QSize leastVisible(96, 32);  // enough of a title bar to take hold of
 constexpr QRect noScreen(0, 0, 1280, 800);
 
+QRect roomOnScreen() {
+    const QScreen* const screen = QGuiApplication::primaryScreen();
+    return screen ? screen->availableGeometry() : noScreen;
+}
+
 bool isWithinReach(const QRect& frame) {
     return std::ranges::any_of(QGuiApplication::screens(), [&](const QScreen* screen) {
         const QRect seen =
@@ -39,8 +44,7 @@ void bringForward(QWidget& window) {
 }
 
 void centreOnScreen(QWidget& window) {
-    const QScreen* const screen = QGuiApplication::primaryScreen();
-    const QRect room = screen ? screen->availableGeometry() : noScreen;
+    const QRect room = roomOnScreen();
     QRect frame(QPoint(), window.size());
     frame.moveCenter(room.center());
     window.move(std::max(frame.x(), room.x()), std::max(frame.y(), room.y()));
@@ -55,13 +59,13 @@ RememberedFrame::RememberedFrame(QWidget& window, PreferenceStore& preferences, 
 }
 
 void RememberedFrame::restore(QSize firstSize) {
-    if (const auto frame = remembered()) {
-        window_.resize(frame->size());
+    const auto frame = remembered();
+    window_.resize((frame ? frame->size() : firstSize).boundedTo(roomOnScreen().size()));
+    if (frame && isWithinReach(*frame)) {
         window_.move(frame->topLeft());
-        return;
+    } else {
+        centreOnScreen(window_);
     }
-    window_.resize(firstSize);
-    centreOnScreen(window_);
 }
 
 bool RememberedFrame::eventFilter(QObject* object, QEvent* event) {
@@ -84,7 +88,7 @@ std::optional<QRect> RememberedFrame::remembered() const {
         if (!isNumber || numbers[i] < -most || numbers[i] > most) return std::nullopt;
     }
     const QRect frame(numbers[0], numbers[1], numbers[2], numbers[3]);
-    if (frame.isEmpty() || !isWithinReach(frame)) return std::nullopt;
+    if (frame.isEmpty()) return std::nullopt;
     return frame;
 }
 

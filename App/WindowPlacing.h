@@ -24,7 +24,8 @@ public:
     /// `preferences` outlives the window.
     RememberedFrame(QWidget& window, PreferenceStore& preferences, std::string key);
 
-    /// Puts the window where it last stood if that is on a screen, else with `firstSize` in the middle.
+    /// Gives the window the size it last had, or `firstSize`, and puts it where it last stood if that is on a
+    /// screen, else in the middle.
     void restore(QSize firstSize);
 
 protected:
