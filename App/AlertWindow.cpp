@@ -1,6 +1,7 @@
 #include "App/AlertWindow.h"
 
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QPushButton>
 #include <QScrollArea>
@@ -97,9 +98,10 @@ QWidget* textField(const QString& text, QWidget* parent) {
 
 }  // namespace
 
-AlertWindow::AlertWindow(const Alert& alert)
+AlertWindow::AlertWindow(Queue& main, const Alert& alert)
     : QDialog(nullptr,
               Qt::Dialog | Qt::WindowTitleHint | Qt::WindowCloseButtonHint | Qt::WindowStaysOnTopHint),
+      main_(main),
       lastButton_(alert.buttons.empty() ? 0 : alert.buttons.size() - 1) {
     setWindowTitle(QStringLiteral("Velmora"));
     const QFont titleFont = Style::font(1.15, QFont::Bold);
@@ -125,6 +127,7 @@ AlertWindow::AlertWindow(const Alert& alert)
     for (std::size_t i = faces.size(); i-- > 0;) {
         auto* const button = new QPushButton(Style::line(faces[i]), this);
         connect(button, &QPushButton::clicked, this, [this, i] { choose(i); });
+        button->installEventFilter(this);
         buttons->addWidget(button);
         first = button;
     }
@@ -142,7 +145,16 @@ AlertWindow::AlertWindow(const Alert& alert)
 void AlertWindow::present() {
     adjustSize();
     centreOnScreen(*this);
+    shownAt_ = main_.now();
     bringForward(*this);
+}
+
+bool AlertWindow::eventFilter(QObject* object, QEvent* event) {
+    if (event->type() == QEvent::KeyPress) {
+        const bool isHeld = static_cast<QKeyEvent*>(event)->isAutoRepeat();
+        if (isHeld || main_.now() < shownAt_ + deafTime) return true;
+    }
+    return QDialog::eventFilter(object, event);
 }
 
 void AlertWindow::reject() {

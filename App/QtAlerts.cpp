@@ -21,7 +21,7 @@ void QtAlerts::show(Alert alert, std::function<void(std::size_t button)> chosen)
 }
 
 void QtAlerts::showNext() {
-    window_ = std::make_unique<AlertWindow>(pending_.front().alert);
+    window_ = std::make_unique<AlertWindow>(main_, pending_.front().alert);
     window_->onChosen = [this](std::size_t button) { answer(button); };
     window_->present();
 }

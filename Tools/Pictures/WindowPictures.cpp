@@ -106,6 +106,8 @@ Alert alertFor(const ConnectionError& error, std::vector<std::string> buttons) {
 }
 
 void takeAlerts(PictureFolder& folder) {
+    VirtualTime time;
+    VirtualQueue main(time);
     const std::string name = "Anna's Laptop", longName(2000, 'w');
     const std::pair<const char*, Alert> alerts[] = {
         {"alert-password", alertFor(ConnectionError::wrongPassword(name), {"Enter Password…", "Cancel"})},
@@ -135,7 +137,7 @@ void takeAlerts(PictureFolder& folder) {
           .buttons = {"OK", "Open System Settings"}}},
     };
     for (const auto& [file, alert] : alerts) {
-        AlertWindow window(alert);
+        AlertWindow window(main, alert);
         window.present();
         folder.take(window, file);
     }
