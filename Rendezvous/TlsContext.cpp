@@ -26,6 +26,8 @@ Result<TlsContext> loadTlsContext(const std::string& certificateFile, const std:
                                         SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
     SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
+    // Nobody comes back within minutes; the tickets would cost each connection time, bytes and memory.
+    SSL_CTX_set_num_tickets(context.get(), 0);
     if (SSL_CTX_use_certificate_chain_file(context.get(), certificateFile.c_str()) != 1) {
         return Failure{fmt::format("the certificate {} can't be used: {}", certificateFile, lastTlsError())};
     }

@@ -15,7 +15,6 @@
 #include <thread>
 #include <utility>
 
-#include "Benchmarks/Rendezvous/SocketLoop.h"
 #include "VelmoraKit/Wire/RendezvousMessages.h"
 
 namespace velmora {
@@ -76,13 +75,13 @@ bool Crowd::waitUntilReady(std::chrono::seconds limit) const {
     return true;
 }
 
-HostCrowd::HostCrowd(std::uint16_t port, std::uint32_t count) : Crowd(count) {
+HostCrowd::HostCrowd(ServicePort port, std::uint32_t count) : Crowd(count) {
     for (std::uint32_t first = 0; first < count; first += hostsOfAProcess) {
         if (forkOne()) work(port, first, std::min(count, first + hostsOfAProcess));
     }
 }
 
-void HostCrowd::work(std::uint16_t port, std::uint32_t first, std::uint32_t last) {
+void HostCrowd::work(ServicePort port, std::uint32_t first, std::uint32_t last) {
     SocketLoop loop;
     std::vector<std::unique_ptr<Connection>> hosts(last - first);
     std::uint32_t opening = 0;
@@ -110,11 +109,11 @@ void HostCrowd::work(std::uint16_t port, std::uint32_t first, std::uint32_t last
     }
 }
 
-HalfOpenCrowd::HalfOpenCrowd(std::uint16_t port, std::uint32_t count) : Crowd(count) {
+HalfOpenCrowd::HalfOpenCrowd(ServicePort port, std::uint32_t count) : Crowd(count) {
     if (forkOne()) work(port, count);
 }
 
-void HalfOpenCrowd::work(std::uint16_t port, std::uint32_t count) {
+void HalfOpenCrowd::work(ServicePort port, std::uint32_t count) {
     SocketLoop loop;
     std::vector<std::unique_ptr<Connection>> connections(count);
     std::deque<std::uint32_t> missing;

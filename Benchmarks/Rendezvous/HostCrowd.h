@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Benchmarks/Rendezvous/SocketLoop.h"
+
 namespace velmora {
 
 /// Client processes, since each has its own number of descriptors. They end with this object, or with us.
@@ -43,23 +45,23 @@ private:
 /// Registered hosts that accept whoever joins.
 class HostCrowd final : public Crowd {
 public:
-    HostCrowd(std::uint16_t port, std::uint32_t count);
+    HostCrowd(ServicePort port, std::uint32_t count);
 
     static std::string idOf(std::uint32_t host) { return std::to_string(100'000'000 + host); }
     static constexpr const char* password = "314159";
 
 private:
-    [[noreturn]] void work(std::uint16_t port, std::uint32_t first, std::uint32_t last);
+    [[noreturn]] void work(ServicePort port, std::uint32_t first, std::uint32_t last);
 };
 
 /// Connections that never get as far as a WebSocket. Those that the service ends are made again, a thousand a
 /// second at most.
 class HalfOpenCrowd final : public Crowd {
 public:
-    HalfOpenCrowd(std::uint16_t port, std::uint32_t count);
+    HalfOpenCrowd(ServicePort port, std::uint32_t count);
 
 private:
-    [[noreturn]] void work(std::uint16_t port, std::uint32_t count);
+    [[noreturn]] void work(ServicePort port, std::uint32_t count);
 };
 
 }  // namespace velmora

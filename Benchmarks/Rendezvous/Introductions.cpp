@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "Benchmarks/Rendezvous/HostCrowd.h"
-#include "Benchmarks/Rendezvous/SocketLoop.h"
 #include "VelmoraKit/Wire/RendezvousMessages.h"
 
 namespace velmora {

@@ -3,12 +3,13 @@
 #include <cstdint>
 #include <optional>
 
+#include "Benchmarks/Rendezvous/SocketLoop.h"
 #include "VelmoraKit/Core/SampleSet.h"
 
 namespace velmora {
 
 struct IntroductionOptions {
-    std::uint16_t port = 0;
+    ServicePort port{};
     std::uint32_t hosts = 1;  // of a HostCrowd, taken in turn
     double seconds = 10;
     std::optional<double> perSecond;  // none: a new one as soon as one of `atATime` ends
@@ -20,7 +21,7 @@ struct IntroductionFigures {
     std::uint32_t failed = 0;  // refused, lost, or not answered within 5 s
     double perSecond = 0;
     SampleSet introduced;       // ms from `join` to `accepted`: by way of the host, which accepts at once
-    SampleSet connected;        // ms before that: TCP and WebSocket
+    SampleSet connected;        // ms before that: TCP, TLS and WebSocket
     std::uint32_t relayed = 0;  // of those made, had a relay on offer
 };
 

@@ -35,7 +35,7 @@ bool accepts(std::uint16_t port) {
 
 }  // namespace
 
-ServiceProcess::ServiceProcess() : port_(firstPort) {
+ServiceProcess::ServiceProcess(Security security) : security_(security), port_(firstPort) {
     const std::string output = folder_.path() / "output";
     std::vector<std::string> arguments{VELMORA_RENDEZVOUS,
                                        "--listen",
@@ -48,6 +48,20 @@ ServiceProcess::ServiceProcess() : port_(firstPort) {
                                        fmt::format("{}-{}", port_ + 2, port_ + 9),
                                        "--threads",
                                        "1"};
+    if (security == Security::tls) {
+        const std::string certificate = folder_.path() / "certificate.pem";
+        const std::string key = folder_.path() / "key.pem";
+        const std::string make = fmt::format(
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=localhost "
+            "-keyout '{}' -out '{}' 2>/dev/null",
+            key, certificate);
+        if (std::system(make.c_str()) != 0) {
+            fmt::print(stderr, "No certificate could be made\n");
+            std::exit(1);
+        }
+        for (const auto& more : {std::string("--certificate"), certificate, std::string("--key"), key})
+            arguments.push_back(more);
+    }
     std::vector<char*> raw;
     for (std::string& argument : arguments) raw.push_back(argument.data());
     raw.push_back(nullptr);

@@ -41,7 +41,10 @@ in_addr loopbackAddress(std::uint32_t index) {
     return {htonl(0x7F010001 + index % 0x00F00000)};
 }
 
-SocketLoop::SocketLoop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {}
+SocketLoop::SocketLoop()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)), tls_(SSL_CTX_new(TLS_client_method()), SSL_CTX_free) {
+    SSL_CTX_set_mode(tls_.get(), SSL_MODE_RELEASE_BUFFERS);
+}
 
 SocketLoop::~SocketLoop() {
     retired_.clear();
@@ -65,8 +68,7 @@ void SocketLoop::runFor(std::chrono::microseconds limit, const std::function<boo
     }
 }
 
-SocketLoop::Connection::Connection(SocketLoop& loop, std::uint32_t address, std::uint16_t port,
-                                   Purpose purpose)
+SocketLoop::Connection::Connection(SocketLoop& loop, std::uint32_t address, ServicePort port, Purpose purpose)
     : loop_(loop),
       purpose_(purpose),
       descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -75,12 +77,17 @@ SocketLoop::Connection::Connection(SocketLoop& loop, std::uint32_t address, std:
     setsockopt(descriptor_, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     sockaddr_in own{.sin_family = AF_INET, .sin_addr = loopbackAddress(address)};
     const sockaddr_in to{
-        .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}};
+        .sin_family = AF_INET, .sin_port = htons(port.number), .sin_addr = {htonl(INADDR_LOOPBACK)}};
     if (descriptor_ < 0 || bind(descriptor_, reinterpret_cast<sockaddr*>(&own), sizeof own) != 0 ||
         (connect(descriptor_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0 &&
          errno != EINPROGRESS)) {
         std::perror("a client's socket");
         std::exit(1);
+    }
+    if (port.tls) {
+        tls_.reset(SSL_new(loop_.tls_.get()));
+        SSL_set_fd(tls_.get(), descriptor_);
+        SSL_set_connect_state(tls_.get());
     }
     epoll_event event{.events = EPOLLIN | EPOLLOUT | EPOLLET, .data = {.fd = descriptor_}};
     epoll_ctl(loop_.epoll_, EPOLL_CTL_ADD, descriptor_, &event);
@@ -99,6 +106,11 @@ void SocketLoop::Connection::sendText(std::string_view text) {
 
 /// Messages are far smaller than a socket's buffer, so a client that cannot send is one that is not read.
 void SocketLoop::Connection::sendRaw(std::string_view bytes) {
+    const auto size = static_cast<int>(bytes.size());
+    if (tls_) {
+        if (SSL_write(tls_.get(), bytes.data(), size) != size) fail();
+        return;
+    }
     if (send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
         fail();
 }
@@ -106,6 +118,8 @@ void SocketLoop::Connection::sendRaw(std::string_view bytes) {
 void SocketLoop::Connection::handle(std::uint32_t events) {
     if (state_ == State::closed) return;
     if (events & (EPOLLERR | EPOLLHUP)) return fail();
+    if (state_ == State::connecting && (events & EPOLLOUT) && tls_) state_ = State::shakingHands;
+    if (state_ == State::shakingHands) return shakeHands();
     if (state_ == State::connecting && (events & EPOLLOUT)) {
         state_ = State::upgrading;
         if (purpose_ == Purpose::webSocket) return sendRaw(upgradeRequest);
@@ -116,10 +130,31 @@ void SocketLoop::Connection::handle(std::uint32_t events) {
     if (events & EPOLLIN) read();
 }
 
+void SocketLoop::Connection::shakeHands() {
+    const int status = SSL_do_handshake(tls_.get());
+    if (status != 1) {
+        const int error = SSL_get_error(tls_.get(), status);
+        if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) fail();
+        return;
+    }
+    state_ = State::upgrading;
+    sendRaw(upgradeRequest);
+}
+
+/// As `recv` does.
+ssize_t SocketLoop::Connection::receive(char* into, std::size_t size) {
+    if (!tls_) return recv(descriptor_, into, size, 0);
+    const int count = SSL_read(tls_.get(), into, static_cast<int>(size));
+    if (count > 0) return count;
+    const bool isEmpty = SSL_get_error(tls_.get(), count) == SSL_ERROR_WANT_READ;
+    errno = isEmpty ? EAGAIN : ECONNRESET;
+    return -1;
+}
+
 void SocketLoop::Connection::read() {
     std::array<char, 16384> buffer;
     for (;;) {
-        const ssize_t size = recv(descriptor_, buffer.data(), buffer.size(), 0);
+        const ssize_t size = receive(buffer.data(), buffer.size());
         if (size < 0 && errno == EAGAIN) break;
         if (size <= 0) return fail();
         arrived_.append(buffer.data(), static_cast<std::size_t>(size));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <openssl/ssl.h>
 
 #include <chrono>
 #include <cstdint>
@@ -17,6 +18,12 @@ namespace velmora {
 /// A loopback address of its own for each client, so that a service's limits per address see many machines.
 in_addr loopbackAddress(std::uint32_t index);
 
+/// Where the service listens, on the loopback.
+struct ServicePort {
+    std::uint16_t number = 0;
+    bool tls = false;  // whose certificate nobody checks
+};
+
 /// Many connections of one thread, as cheap as they come: what is measured is the other end.
 class SocketLoop {
 public:
@@ -29,7 +36,7 @@ public:
     class Connection {
     public:
         enum class Purpose { webSocket, halfOpen };  // half open: never completes its request
-        Connection(SocketLoop& loop, std::uint32_t address, std::uint16_t port, Purpose purpose);
+        Connection(SocketLoop& loop, std::uint32_t address, ServicePort port, Purpose purpose);
         ~Connection();
         Connection(const Connection&) = delete;
         Connection& operator=(const Connection&) = delete;
@@ -43,8 +50,10 @@ public:
 
     private:
         friend class SocketLoop;
-        enum class State { connecting, upgrading, open, closed };
+        enum class State { connecting, shakingHands, upgrading, open, closed };
         void handle(std::uint32_t events);
+        void shakeHands();
+        ssize_t receive(char* into, std::size_t size);
         void read();
         bool readFrame();
         void fail();
@@ -52,6 +61,7 @@ public:
         SocketLoop& loop_;
         const Purpose purpose_;
         int descriptor_ = -1;
+        std::unique_ptr<SSL, decltype(&SSL_free)> tls_{nullptr, SSL_free};
         State state_ = State::connecting;
         std::string arrived_;
     };
@@ -63,6 +73,7 @@ public:
 
 private:
     const int epoll_;
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> tls_;
     std::unordered_map<int, Connection*> connections_;
     std::vector<std::unique_ptr<Connection>> retired_;
 };

@@ -2,10 +2,11 @@
 // beside thousands of connections that never finish opening, and its relay.
 //
 //   RendezvousBenchmark [--case registrations|introductions|half-open|relay] [--hosts N] [--seconds S]
-//                       [--rate R] [--half-open N] [--pairs N]
+//                       [--rate R] [--half-open N] [--pairs N] [--tls 1]
 //
 // Without --case it runs all of them. The service is the built velmora-rendezvous with one thread; clients
-// are other processes on the same machine, each with a loopback address of its own.
+// are other processes on the same machine, each with a loopback address of its own. TLS is for registrations
+// and introductions.
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -36,6 +37,7 @@ struct Options {
     double rate = 1'000;  // introductions a second
     double seconds = 10;
     std::size_t pairs = 50;
+    ServiceProcess::Security security = ServiceProcess::Security::plain;
 };
 
 [[noreturn]] void giveUp(std::string_view why) {
@@ -64,7 +66,7 @@ IntroductionFigures introduceAndPrint(std::string_view what, const ServiceProces
 }
 
 void registrations(const Options& options) {
-    const ServiceProcess service;
+    const ServiceProcess service(options.security);
     const ProcessUse before = service.use();
     const auto start = HostClock::now();
     const HostCrowd hosts(service.port(), options.hosts);
@@ -86,7 +88,7 @@ void registrations(const Options& options) {
 }
 
 void introductions(const Options& options) {
-    const ServiceProcess service;
+    const ServiceProcess service(options.security);
     const std::uint32_t count = std::min(options.hosts, 2'000u);
     const HostCrowd hosts(service.port(), count);
     if (!hosts.waitUntilReady(60s)) giveUp("the hosts are not registered");
@@ -152,6 +154,8 @@ Options parse(int count, char** arguments) {
             options.rate = number;
         } else if (name == "--seconds") {
             options.seconds = number;
+        } else if (name == "--tls") {
+            options.security = ServiceProcess::Security::tls;
         } else if (name == "--pairs") {
             options.pairs = static_cast<std::size_t>(number);
         } else {
