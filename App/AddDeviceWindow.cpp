@@ -65,12 +65,12 @@ AddDeviceWindow::AddDeviceWindow(Queue& main, const Opening& opening)
     hostID_->setObjectName(QStringLiteral("hostID"));
     password_->setObjectName(QStringLiteral("password"));
 
+    hostIDRow_ = new FormRow(QStringLiteral("Host ID"), hostID_, nullptr, this);
+    QWidget* const reveal = makeRevealButton(*password_, this);
+    passwordRow_ = new FormRow(QStringLiteral("Password"), password_, reveal, this);
     auto* const nameRow = new FormRow(QStringLiteral("Name"), name_, nullptr, this);
     nameRow->setWords(QStringLiteral("How the list calls it. Without a name, it is called by its Host ID."),
                       FormRow::Tone::hint);
-    hostIDRow_ = new FormRow(QStringLiteral("Host ID"), hostID_, nullptr, this);
-    passwordRow_ =
-        new FormRow(QStringLiteral("Password"), password_, makeRevealButton(*password_, this), this);
 
     auto* const cancel = new QPushButton(QStringLiteral("Cancel"), this);
     add_ = new QPushButton(isKnown_ ? QStringLiteral("Save") : QStringLiteral("Add"), this);
@@ -94,7 +94,7 @@ AddDeviceWindow::AddDeviceWindow(Queue& main, const Opening& opening)
     column->addWidget(title);
     column->addWidget(explanation);
     column->addSpacing(grid);
-    for (FormRow* const row : {nameRow, hostIDRow_, passwordRow_}) {
+    for (FormRow* const row : {hostIDRow_, passwordRow_, nameRow}) {
         column->addWidget(row);
         column->addSpacing(grid);
     }
@@ -104,7 +104,13 @@ AddDeviceWindow::AddDeviceWindow(Queue& main, const Opening& opening)
         connect(field, &QLineEdit::textChanged, this, [this] { showProblems(); });
         field->installEventFilter(this);
     }
-    if (isKnown_) password_->setFocus();
+    QWidget* before = hostID_;
+    for (QWidget* const next : {static_cast<QWidget*>(password_), reveal, static_cast<QWidget*>(name_),
+                                static_cast<QWidget*>(cancel)}) {
+        setTabOrder(before, next);
+        before = next;
+    }
+    (isKnown_ ? password_ : hostID_)->setFocus();
     showProblems();
 }
 

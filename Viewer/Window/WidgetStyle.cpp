@@ -64,7 +64,7 @@ void drawField(const QStyleOption& field, QPainter& painter) {
     const QPalette& colors = field.palette;
     const bool focused = field.state.testFlag(QStyle::State_HasFocus);
     painter.setPen(focused ? QPen(colors.color(QPalette::Highlight), 2)
-                           : QPen(shade(colors.color(QPalette::Text), 0.3F), 1));
+                           : QPen(shade(colors.color(QPalette::Text), 0.5F), 1));
     const bool enabled = field.state.testFlag(QStyle::State_Enabled);
     painter.setBrush(colors.color(enabled ? QPalette::Base : QPalette::Window));
     const double inset = focused ? 1 : 0.5;
