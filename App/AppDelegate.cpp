@@ -294,6 +294,7 @@ void AppDelegate::quit() {
     main_.post(liveness_.guard([this] {
         windows_->hidePanel();
         const bool tellsSomebody = leave();
+        sessions_.clear();
         const auto finish = [this] {
             if (goodbye_ || (!isWorkerDone_ && quitLimit_)) return;
             goodbye_.reset(), quitLimit_.reset();
@@ -313,7 +314,7 @@ bool AppDelegate::leave() {
     isQuitting_ = true;
     awaitsPassword_ = false;
     const bool tellsSomebody = !sessions_.empty() || server_.connectedViewerName().has_value();
-    sessions_.clear();
+    for (const Session& session : sessions_) session.viewer->disconnect();
     signaling_.stop();
     server_.stop();
     preferences_.flush();

@@ -64,8 +64,8 @@ public:
     void start();
     /// Says goodbye to everybody, saves what is to be saved, then calls `onQuit`. May be repeated.
     void quit();
-    /// The same at once, for when nothing is run any more: after `goodbyeTime` the process may end. True:
-    /// there was somebody to say goodbye to.
+    /// The same at once and without touching a window, for when the screen has gone and nothing is run any
+    /// more: after `goodbyeTime` the process may end. True: there was somebody to say goodbye to.
     bool leave();
 
     /// The program was started once more: shows the panel. False: it is about to end.

@@ -95,6 +95,7 @@ private:
               place_(windows.viewers.insert(windows.viewers.end(), {std::move(options), this})) {}
         ~Probe() override { windows_.viewers.erase(place_); }
         void start() override { place_->isStarted = true; }
+        void disconnect() override { windows_.events.push_back("goodbye to " + place_->options.name); }
         void keyboardTaken() override {}
 
     private:
@@ -494,6 +495,7 @@ TEST_F(AppDelegateTest, quittingTellsEverybodyAndLosesNothing) {
     menu().quit();
     settle();
     EXPECT_THAT(windows->viewers, IsEmpty());
+    EXPECT_THAT(events(), ElementsAre("panel hidden", "goodbye to Den"));
     EXPECT_EQ(state().serverStatus, "Stopped");
     EXPECT_EQ(timesQuit, 0) << "goodbyes are on their way";
     EXPECT_FALSE(delegate->startedAgain());

@@ -23,6 +23,7 @@ public:
         };
     }
     void start() override { session_.start(); }
+    void disconnect() override { session_.disconnect(); }
     void keyboardTaken() override { session_.keyboardTaken(); }
 
 private:

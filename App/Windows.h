@@ -31,6 +31,8 @@ public:
         std::function<void(const std::optional<ConnectionError>&)> onClose;
         /// Shows the window and connects.
         virtual void start() = 0;
+        /// Says goodbye there and leaves the window alone: its screen may have gone.
+        virtual void disconnect() = 0;
         /// Another program has the keyboard now, though the window keeps the focus.
         virtual void keyboardTaken() = 0;
     };

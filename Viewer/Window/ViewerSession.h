@@ -72,6 +72,9 @@ public:
     /// None: a virtual display that follows the window.
     void selectDisplay(std::optional<std::uint32_t> id);
 
+    /// Says goodbye to the host. The window stays as it is, for when there is no screen to close it on.
+    void disconnect() { connection_.close(); }
+
     /// Somebody else has the keyboard now, though the window keeps the focus: what is held comes up there.
     void keyboardTaken() { window_.view().releaseKeys(); }
 
