@@ -16,7 +16,15 @@ FakeBusService::FakeBusService(const std::string& address, const char* name, con
 }
 
 FakeBusService::~FakeBusService() {
-    g_main_loop_quit(loop_);
+    // From within the loop: one that has not begun to run yet would not hear of it.
+    const auto quit = [](gpointer loop) -> gboolean {
+        g_main_loop_quit(static_cast<GMainLoop*>(loop));
+        return G_SOURCE_REMOVE;
+    };
+    GSource* const last = g_idle_source_new();
+    g_source_set_callback(last, quit, loop_, nullptr);
+    g_source_attach(last, context_);
+    g_source_unref(last);
     thread_.join();
     g_main_loop_unref(loop_);
     g_main_context_unref(context_);
