@@ -55,8 +55,9 @@ public:
     Form form() const { return form_; }
     bool isSeen() const { return isVisible() && !isMinimized(); }
 
-    void openAt(const QRect& anchor) {
+    void openAt(const QRect& anchor, PanelDesktop* desktop) {
         take(Form::panel);
+        if (desktop) desktop->keepOutOfTaskBar(winId());
         const QScreen* screen = screenOf(anchor);
         const QRect visible = screen ? screen->availableGeometry() : QRect();
         const QSize size = fittingSize(tallestPanel(anchor, visible));
@@ -170,12 +171,17 @@ MenuPanelController::MenuPanelController(MenuModel& model, HostIdentity& identit
     panel_->onRestored = [this] {
         if (const auto tell = onShow) tell();
     };
+    if (parameters_.desktop) parameters_.desktop->onPress = [this] { closeIfPointerIsElsewhere(); };
     statusItem_.onClick = [this] { toggle(); };
     statusItem_.onAvailability = [this] { trayChanged(); };
     trayChanged();
 }
 
 MenuPanelController::~MenuPanelController() {
+    if (parameters_.desktop) {
+        parameters_.desktop->stopWatching();
+        parameters_.desktop->onPress = nullptr;
+    }
     statusItem_.onClick = nullptr;
     statusItem_.onAvailability = nullptr;
 }
@@ -196,7 +202,8 @@ void MenuPanelController::show() {
 }
 
 void MenuPanelController::openAtItem() {
-    panel_->openAt(statusItem_.place().value_or(QRect(QCursor::pos(), QSize(1, 1))));
+    panel_->openAt(statusItem_.place().value_or(QRect(QCursor::pos(), QSize(1, 1))), parameters_.desktop);
+    if (parameters_.desktop) parameters_.desktop->startWatching();
     statusItem_.setHighlighted(true);
     if (const auto tell = onShow) tell();
 }
@@ -214,12 +221,20 @@ void MenuPanelController::close() {
     if (!panel_->isVisible()) return;
     if (panel_->form() == Panel::Form::window && !statusItem_.isAvailable()) return panel_->showMinimized();
     panel_->hide();
+    if (parameters_.desktop) parameters_.desktop->stopWatching();
     statusItem_.setHighlighted(false);
 }
 
 void MenuPanelController::closeUnlessActive() {
     if (!isVisible() || panel_->form() == Panel::Form::window) return;
     if (panel_->isActiveWindow() || QApplication::activePopupWidget()) return;
+    close();
+    justClosed_ = main_.after(parameters_.reopenGuard, [] {});
+}
+
+void MenuPanelController::closeIfPointerIsElsewhere() {
+    if (!isVisible() || panel_->geometry().contains(QCursor::pos()) || QApplication::activePopupWidget())
+        return;
     close();
     justClosed_ = main_.after(parameters_.reopenGuard, [] {});
 }

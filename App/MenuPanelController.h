@@ -7,6 +7,7 @@
 
 #include "App/MenuModel.h"
 #include "App/StatusItem.h"
+#include "Platform/PanelDesktop.h"
 #include "Shared/HostIdentity.h"
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/Queue.h"
@@ -25,6 +26,7 @@ public:
         /// A click on the item first takes the focus from the panel, which closes it, and must not open it
         /// again; people click twice in less, but rarely to see the same panel again.
         std::chrono::milliseconds reopenGuard{250};
+        PanelDesktop* desktop = nullptr;  // outlives us; none: only the loss of the focus closes the panel
     };
     /// All outlive us.
     MenuPanelController(MenuModel& model, HostIdentity& identity, RemoteDevices& devices,
@@ -54,6 +56,7 @@ private:
     void openAsWindow();
     void close();
     void closeUnlessActive();
+    void closeIfPointerIsElsewhere();
     void trayChanged();
 
     StatusItem& statusItem_;

@@ -8,6 +8,7 @@
 
 #include "App/MenuPanelController.h"
 #include "App/MenuPanelView.h"
+#include "Testing/FakePanelDesktop.h"
 #include "Testing/FakeStatusItem.h"
 #include "Testing/PanelModels.h"
 #include "Viewer/Window/WidgetTest.h"
@@ -111,7 +112,9 @@ protected:
 
     PanelModels models;
     FakeStatusItem item;
-    MenuPanelController controller{models.model, models.identity, models.devices, item, models.main};
+    FakePanelDesktop desktop;
+    MenuPanelController controller{models.model, models.identity, models.devices,
+                                   item,         models.main,     {.desktop = &desktop}};
     std::vector<std::string> calls;
     int shown = 0;
 };
@@ -218,6 +221,19 @@ TEST_F(MenuPanelTest, theClickThatTakesTheFocusFromItDoesNotOpenItAgain) {
     item.click();
     EXPECT_TRUE(controller.isVisible());
     item.click();
+    EXPECT_FALSE(controller.isVisible());
+}
+
+TEST_F(MenuPanelTest, aClickElsewhereClosesItEvenWhereThatMovesNoFocus) {
+    item.click();
+    QCursor::setPos(panel()->geometry().center());
+    desktop.press();
+    EXPECT_TRUE(controller.isVisible());
+    QCursor::setPos(panel()->geometry().bottomRight() + QPoint(5, 5));
+    desktop.press();
+    EXPECT_FALSE(controller.isVisible());
+    EXPECT_FALSE(desktop.isWatching);
+    item.click();  // the same click, if it was on the item
     EXPECT_FALSE(controller.isVisible());
 }
 

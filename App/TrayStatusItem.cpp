@@ -16,7 +16,7 @@ QIcon pressedIcon() {
         QPixmap picture = logoPixmap(side);
         QPainter painter(&picture);
         painter.setCompositionMode(QPainter::CompositionMode_SourceAtop);
-        painter.fillRect(picture.rect(), QColor(0, 0, 0, 90));
+        painter.fillRect(picture.rect(), QColor(0, 0, 0, 70));
         painter.end();
         icon.addPixmap(picture);
     }

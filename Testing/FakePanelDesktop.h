@@ -1,0 +1,24 @@
+#pragma once
+
+#include <set>
+
+#include "Platform/PanelDesktop.h"
+
+namespace velmora {
+
+class FakePanelDesktop final : public PanelDesktop {
+public:
+    void keepOutOfTaskBar(WindowId window) override { unlisted.insert(window); }
+    void startWatching() override { isWatching = true; }
+    void stopWatching() override { isWatching = false; }
+
+    /// Somebody presses a button of the mouse.
+    void press() {
+        if (const auto tell = onPress; tell && isWatching) tell();
+    }
+
+    std::set<WindowId> unlisted;
+    bool isWatching = false;
+};
+
+}  // namespace velmora
