@@ -227,6 +227,10 @@ void AppDelegate::openViewer(const Device& device) {
 }
 
 void AppDelegate::showViewer(const Device& device, std::optional<std::string> password) {
+    // A host takes one connection of a device: another window would end the one that is open.
+    const auto open =
+        std::ranges::find(sessions_, device.id, [](const Session& one) { return one.device.id; });
+    if (open != sessions_.end()) return open->viewer->bringForward();
     std::string ownName = services_.server.machine.localizedName();
     if (ownName.empty()) ownName = "Mac";
     auto viewer = windows_->makeViewer({.target = device.target,

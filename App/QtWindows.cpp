@@ -6,6 +6,7 @@
 #include "App/AddDeviceWindow.h"
 #include "App/ChangePasswordWindow.h"
 #include "App/DebugLogWindow.h"
+#include "App/WindowPlacing.h"
 #include "VelmoraKit/Core/DebugLog.h"
 #include "Viewer/Window/Appearance.h"
 #include "Viewer/Window/MainMenu.h"
@@ -24,6 +25,7 @@ public:
     }
     void start() override { session_.start(); }
     void disconnect() override { session_.disconnect(); }
+    void bringForward() override { velmora::bringForward(session_.window()); }
     void keyboardTaken() override { session_.keyboardTaken(); }
 
 private:

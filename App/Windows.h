@@ -33,6 +33,7 @@ public:
         virtual void start() = 0;
         /// Says goodbye there and leaves the window alone: its screen may have gone.
         virtual void disconnect() = 0;
+        virtual void bringForward() = 0;
         /// Another program has the keyboard now, though the window keeps the focus.
         virtual void keyboardTaken() = 0;
     };
