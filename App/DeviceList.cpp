@@ -1,6 +1,8 @@
 #include "App/DeviceList.h"
 
 #include <QApplication>
+#include <QLinearGradient>
+#include <QPainter>
 #include <QScrollBar>
 #include <QVBoxLayout>
 #include <algorithm>
@@ -51,6 +53,37 @@ MenuRow::Content contentOf(const Device& device) {
     return content;
 }
 
+/// Lies over the rows and lets them fade where there are more of them.
+class Fade final : public QWidget {
+public:
+    explicit Fade(QScrollArea& area) : QWidget(&area), bar_(*area.verticalScrollBar()) {
+        setAttribute(Qt::WA_TransparentForMouseEvents);
+        connect(&bar_, &QScrollBar::valueChanged, this, [this] { update(); });
+        connect(&bar_, &QScrollBar::rangeChanged, this, [this] { update(); });
+    }
+
+protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter painter(this);
+        const QColor ground = palette().color(QPalette::Window);
+        const auto fade = [&](const QRect& band, double from, double to) {
+            QLinearGradient gradient(0, from, 0, to);
+            QColor clear = ground;
+            clear.setAlpha(0);
+            gradient.setColorAt(0, ground);
+            gradient.setColorAt(1, clear);
+            painter.fillRect(band, gradient);
+        };
+        if (bar_.value() > bar_.minimum()) fade({0, 0, width(), band_}, 0, band_);
+        if (bar_.value() < bar_.maximum())
+            fade({0, height() - band_, width(), band_}, height(), height() - band_);
+    }
+
+private:
+    static constexpr int band_ = 2 * Style::grid;
+    QScrollBar& bar_;
+};
+
 }  // namespace
 
 DeviceList::DeviceList(QWidget* parent)
@@ -58,6 +91,7 @@ DeviceList::DeviceList(QWidget* parent)
       content_(new QWidget(this)),
       layout_(new QVBoxLayout(content_)),
       none_(new MenuRow({.title = "No devices found", .enabled = false}, content_)),
+      fade_(new Fade(*this)),
       heightLimit_(noLimit) {
     setAccessibleName(QStringLiteral("Remote devices"));
     setFrameShape(QFrame::NoFrame);
@@ -72,6 +106,7 @@ DeviceList::DeviceList(QWidget* parent)
     layout_->addStretch(1);
     setWidget(content_);
     content_->setAutoFillBackground(false);
+    connect(verticalScrollBar(), &QScrollBar::valueChanged, this, [this] { pointAgain(); });
     // Qt scrolls for who walks within the list, but not for who comes from below it.
     connect(qApp, &QApplication::focusChanged, this, [this](QWidget*, QWidget* now) {
         if (now && content_->isAncestorOf(now)) ensureWidgetVisible(now, 0, 0);
@@ -99,7 +134,7 @@ void DeviceList::setDevices(const std::vector<Device>& devices) {
     for (const Entry& gone : before) {
         if (gone.row == keyboard && !entries_.empty())
             entries_[std::min(focusedAt, entries_.size() - 1)].row->setFocus(Qt::OtherFocusReason);
-        gone.row->hide();         // the last one's keyboard goes to whatever is next
+        gone.row->hide();
         gone.row->deleteLater();  // it may be telling us something at this very moment
     }
     updateGeometry();
@@ -145,6 +180,23 @@ void DeviceList::setHeightLimit(int limit) {
 
 int DeviceList::fullHeight() const {
     return static_cast<int>(std::max<std::size_t>(entries_.size(), 1)) * Style::rowHeight(font());
+}
+
+/// Rows that move under the pointer are not told of it.
+void DeviceList::pointAgain() {
+    const QPoint pointer = QCursor::pos();
+    const bool isWithin = viewport()->rect().contains(viewport()->mapFromGlobal(pointer));
+    for (const Entry& entry : entries_) {
+        entry.row->setAttribute(Qt::WA_UnderMouse,
+                                isWithin && entry.row->rect().contains(entry.row->mapFromGlobal(pointer)));
+        entry.row->update();
+    }
+}
+
+void DeviceList::resizeEvent(QResizeEvent* event) {
+    QScrollArea::resizeEvent(event);
+    fade_->setGeometry(viewport()->geometry());
+    fade_->raise();
 }
 
 QSize DeviceList::sizeHint() const {

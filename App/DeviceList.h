@@ -32,11 +32,15 @@ public:
     QSize sizeHint() const override;
     QSize minimumSizeHint() const override;
 
+protected:
+    void resizeEvent(QResizeEvent* event) override;
+
 private:
     struct Entry {
         RemoteDevices::Device device;
         MenuRow* row;
     };
+    void pointAgain();
     MenuRow* takeRowOf(const std::string& id, std::vector<Entry>& entries);
     MenuRow* makeRow(const std::string& id);
     const RemoteDevices::Device* deviceOf(const std::string& id) const;
@@ -44,6 +48,7 @@ private:
     QWidget* const content_;
     QVBoxLayout* const layout_;
     MenuRow* const none_;
+    QWidget* const fade_;
     std::vector<Entry> entries_;
     int heightLimit_;
 };

@@ -83,7 +83,10 @@ protected:
         painter.setRenderHint(QPainter::Antialiasing);
         QColor line = palette().color(QPalette::WindowText);
         line.setAlphaF(0.28F);
-        if (!blendsWindows()) painter.fillRect(rect(), palette().color(QPalette::Window));
+        if (!blendsWindows()) {  // what the hard corners leave outside of the line looks like the line
+            painter.fillRect(rect(), palette().color(QPalette::Window));
+            painter.fillRect(rect(), line);
+        }
         painter.setBrush(palette().color(QPalette::Window));
         painter.setPen(QPen(line, 1));
         painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), cornerRadius, cornerRadius);

@@ -1,5 +1,6 @@
 #include "App/MenuPanelView.h"
 
+#include <QApplication>
 #include <QKeyEvent>
 #include <QMenu>
 #include <QPainter>
@@ -106,6 +107,9 @@ void MenuPanelView::layOut() {
     scroll_->setWidget(content_);
     scroll_->viewport()->setAutoFillBackground(false);
     content_->setAutoFillBackground(false);
+    connect(qApp, &QApplication::focusChanged, this, [this](QWidget*, QWidget* now) {
+        if (now && content_->isAncestorOf(now)) scroll_->ensureWidgetVisible(now, 0, grid);
+    });
 
     auto* rows = new QVBoxLayout(content_);
     rows->setContentsMargins(grid, grid, grid, grid);
