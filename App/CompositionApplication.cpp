@@ -268,7 +268,7 @@ int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
                                  if (!screen) return std::make_unique<NoWindows>();
                                  return screen->makeWindows(contents);
                              }));
-    delegate.onQuit = [] { QCoreApplication::quit(); };
+    delegate.onQuit = [] { QCoreApplication::exit(); };  // quit() asks the windows, which may refuse
     quitSignals.deliver(main, [&delegate] { delegate.quit(); });
     farewell = [&delegate] {
         delegate.leave();
