@@ -210,7 +210,7 @@ public:
         return std::make_unique<QtWindows>(
             contents, QtWindows::Services{.main = shared_.main,
                                           .preferences = shared_.preferences,
-                                          .pasteboard = shared_.pasteboard,
+                                          .pasteboard = *shared_.pasteboard,
                                           .statusItem = statusItem_,
                                           .forSession = [this] { return viewer_.forSession(); },
                                           .panel = panel});

@@ -82,6 +82,21 @@ TEST_F(ViewerOnWayland, theDesktopLendsItsShortcutsWhileTheKeysAreTheHosts) {
     EXPECT_TRUE(viewer_->isRunning());
 }
 
+TEST_F(ViewerOnWayland, whatIsCopiedAtOneEndIsPastedAtTheOther) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    constexpr const char* text = "text/plain;charset=utf-8";
+    const auto copied = startOnScreen({"sh", "-c", "printf here | xclip -selection clipboard"});
+    EXPECT_TRUE(eventually([&] { return desktop_->paste(text) == "here"; }, within(20))) << viewer_->said();
+    desktop_->copy({{text, "there"}});
+    EXPECT_TRUE(eventually(
+        [&] {
+            const auto pasted = startOnScreen({"xclip", "-selection", "clipboard", "-o"});
+            return pasted->end(within(20)) == 0 && pasted->said() == "there";
+        },
+        within(20)))
+        << viewer_->said();
+}
+
 TEST_F(ViewerOnWayland, aDesktopThatKeepsItsShortcutsIsToldOf) {
     ASSERT_NO_FATAL_FAILURE(openWindow(false));
     EXPECT_TRUE(viewer_->says("This desktop lends its shortcuts to nobody")) << viewer_->said();
