@@ -100,7 +100,8 @@ void ViewerSession::start() {
     });
     preferenceObservation_ = preferences_.observe(main_, [this](const std::string& key) {
         if (key == PreferenceKeys::showStatsOverlay) updateStatsOverlay();
-        if (key == PreferenceKeys::keyboardSendKeys) updateKeyboardCapture();
+        if (key == PreferenceKeys::keyboardSendKeys || key == PreferenceKeys::keyboardMatchCharacters)
+            updateKeyboardCapture();
     });
 
     std::optional<DisplayRequest> request;
@@ -332,7 +333,9 @@ void ViewerSession::updateKeyboardCapture() {
     }
     // A menu takes the keyboard for itself; a person who wanted out still does when it closes.
     const bool menuHasKeys = window_.isMenuOpen() && !keyboard_.isSuspended();
-    keyboard_.setActive(streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys);
+    const bool keysGo = streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys;
+    view.setKeysGoToHost(keysGo);
+    keyboard_.setActive(keysGo);
 }
 
 void ViewerSession::menuChanged() {
