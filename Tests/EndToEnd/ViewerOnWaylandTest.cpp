@@ -62,6 +62,7 @@ protected:
 
 TEST_F(ViewerOnWayland, theDesktopLendsItsShortcutsWhileTheKeysAreTheHosts) {
     ASSERT_NO_FATAL_FAILURE(openWindow());
+    EXPECT_TRUE(desktop_->pixelAt(799, 599) && !desktop_->pixelAt(800, 0)) << "as large as it was told to be";
     EXPECT_TRUE(hasShortcuts(1)) << viewer_->said();
     EXPECT_TRUE(viewer_->says("Keyboard capture on")) << viewer_->said();
     desktop_->key(KEY_A, true);

@@ -212,7 +212,7 @@ void ViewerSession::startClipboard() {
 
 /// A display of a shape of its own: the window takes that shape.
 void ViewerSession::fitWindowTo(PixelSize size) {
-    if (size.width <= 0 || size.height <= 0 || window_.isMaximized()) return;
+    if (size.width <= 0 || size.height <= 0 || window_.isMaximized() || window_.isSizedByDesktop()) return;
     const QSizeF room = window_.roomForContent();
     const double fit = std::min(room.width() / size.width, room.height() / size.height);
     window_.setContentSize({static_cast<int>(size.width * fit), static_cast<int>(size.height * fit)});
