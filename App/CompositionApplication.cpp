@@ -47,11 +47,9 @@
 #include "Platform/Linux/Tray/LinuxTrayPresence.h"
 #include "Platform/Linux/Web/QtHttpClient.h"
 #include "Platform/Linux/Window/X11KeyboardWatch.h"
-#include "Platform/Linux/Window/X11PanelDesktop.h"
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/ProcessCPUSampler.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
-#include "VelmoraKit/Core/Utf8.h"
 #include "VelmoraKit/Transport/HostCertificate.h"
 #include "VelmoraKit/Transport/UdpProbes.h"
 #include "Viewer/Window/Appearance.h"
@@ -209,11 +207,10 @@ public:
         const bool isAskedFor = !qEnvironmentVariableIsSet("DESKTOP_AUTOSTART_ID");
         MenuPanelController::Parameters panel;
         if (!isAskedFor) panel.trayPatience.reset();
-        if (windowKind() == LinuxTrayPresence::Windows::x11) panel.desktop = &desktop_.emplace();
         return std::make_unique<QtWindows>(
             contents, QtWindows::Services{.main = shared_.main,
                                           .preferences = shared_.preferences,
-                                          .pasteboard = *shared_.pasteboard,
+                                          .pasteboard = shared_.pasteboard,
                                           .statusItem = statusItem_,
                                           .forSession = [this] { return viewer_.forSession(); },
                                           .panel = panel});
@@ -234,15 +231,13 @@ private:
     ViewerServices viewer_;
     LinuxTrayPresence tray_;
     TrayStatusItem statusItem_;
-    std::optional<X11PanelDesktop> desktop_;  // none on Wayland
     QtAlerts alerts_;
 };
 
 /// In a second start: what the first said, which is for whoever started it.
 int tellSecondStart(const SingleInstance& instance) {
     if (instance.answer()) {
-        constexpr std::size_t longest = 500;
-        printLine(printableLine(*instance.answer(), longest));
+        printLine(*instance.answer());
         return EXIT_SUCCESS;
     }
     fmt::print(stderr, "Velmora: it is running already, but does not answer\n");
@@ -273,7 +268,7 @@ int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
                                  if (!screen) return std::make_unique<NoWindows>();
                                  return screen->makeWindows(contents);
                              }));
-    delegate.onQuit = [] { QCoreApplication::exit(); };  // quit() asks the windows, which may refuse
+    delegate.onQuit = [] { QCoreApplication::quit(); };
     quitSignals.deliver(main, [&delegate] { delegate.quit(); });
     farewell = [&delegate] {
         delegate.leave();

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <memory>
-
-#include "Platform/Linux/Clipboard/Pasteboards.h"
+#include "Platform/Linux/Clipboard/X11Pasteboard.h"
 #include "Platform/Linux/Clipboard/ZipFolderArchiver.h"
 #include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
 #include "Platform/Linux/System/JsonPreferenceStore.h"
@@ -37,7 +35,7 @@ struct SharedServices {
     JsonPreferenceStore preferences{JsonPreferenceStore::defaultFile()};
     LinuxMachineInfo machine;
     LinuxKeepAwake keepAwake{main};
-    const std::unique_ptr<Pasteboard> pasteboard = makePasteboard(main);
+    X11Pasteboard pasteboard{main};
     ZipFolderArchiver archiver;
     AvahiServiceDiscovery discovery;
     QtWebSocketFactory sockets;

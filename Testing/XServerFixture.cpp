@@ -100,6 +100,13 @@ std::optional<std::string> readDisplayNumber(int fd) {
     }
 }
 
+/// Of no other server's of this process, and hardly of another's.
+int numberOfItsOwn() {
+    static int count = 0;
+    constexpr int first = 100, span = 50'000, mostOfAProcess = 8;
+    return first + (getpid() * mostOfAProcess + count++ % mostOfAProcess) % span;
+}
+
 }  // namespace
 
 Result<std::unique_ptr<ChildProgram>> ChildProgram::start(const std::vector<std::string>& arguments,
@@ -183,6 +190,7 @@ std::string XServerFixture::start(const Options& options) {
                    folder_ + "/log", "-sharevts", "-novtswitch",          "vt7"};
     }
     // Without -noreset modes, monitors and selections vanish whenever the last client leaves.
+    if (options.servesOtherNetworks) command.push_back(fmt::format(":{}", numberOfItsOwn()));
     command.insert(command.end(), {"-noreset", "-nolisten", "tcp", "-displayfd", fd});
     command.insert(command.end(), options.arguments.begin(), options.arguments.end());
 

@@ -54,6 +54,9 @@ public:
         PixelSize size{3840, 2160};  // of the root window; Xvfb only
         int depth = 24;              // Xvfb only
         std::vector<std::string> arguments{};
+        /// Programs in other network namespaces are to find it. Servers in two of them may think the same
+        /// number free, and the later one takes the place of the first: this one has a number of its own.
+        bool servesOtherNetworks = false;
     };
     explicit XServerFixture(const Options& options);
     explicit XServerFixture(Kind kind) : XServerFixture(Options{.kind = kind}) {}

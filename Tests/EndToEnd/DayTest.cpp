@@ -148,8 +148,7 @@ TEST_F(Day, leavesNothingBehind) {
     begin();
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_NO_FATAL_FAILURE(startHostDesk());
-    viewer = open({VIEW_PROGRAM, hostId().substr(0, 3) + hostId().substr(4, 3) + hostId().substr(8, 3),
-                   "--password", password, "--name", "Desk"});
+    viewer = open({VIEW_PROGRAM, hostDigits(), "--password", password, "--name", "Desk"});
     ASSERT_TRUE(seesPicture(red)) << viewer->said() << diaryOf("person");
 
     constexpr int warmUp = 2;  // rounds in which caches fill

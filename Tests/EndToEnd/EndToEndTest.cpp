@@ -16,7 +16,8 @@ void EndToEndTest::TearDown() {
 }
 
 void EndToEndTest::startServer(XServerFixture::Kind kind, PixelSize size) {
-    server_ = std::make_unique<XServerFixture>(XServerFixture::Options{.kind = kind, .size = size});
+    server_ = std::make_unique<XServerFixture>(
+        XServerFixture::Options{.kind = kind, .size = size, .servesOtherNetworks = true});
     ASSERT_TRUE(server_->ok()) << server_->error();
     screen_ = std::make_unique<XTestClient>(server_->display());
     ASSERT_TRUE(screen_->ok());

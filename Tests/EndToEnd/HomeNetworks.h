@@ -1,13 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "Testing/LinkPipe.h"
 #include "Testing/XServerFixture.h"
-#include "Tests/EndToEnd/SlowCable.h"
 
 namespace velmora {
 
@@ -24,7 +21,6 @@ public:
     struct Options {
         bool oneHome = false;   // the viewer is at the host's, 10.1.0.3
         bool openHost = false;  // the host's router passes on to it whatever comes to its port
-        std::optional<LinkPipe::Direction> viewersLine{};  // what its router has to the internet, each way
     };
     explicit HomeNetworks(Options options);
 
@@ -35,6 +31,7 @@ public:
 
     enum class Place { server, host, viewer };
     static constexpr const char* serverAddress = "192.0.2.1";
+    static constexpr const char* hostAddress = "10.1.0.2";  // at home
     /// The command, to be run there.
     std::vector<std::string> at(Place place, std::vector<std::string> command) const;
 
@@ -51,7 +48,6 @@ private:
     std::string run(const std::string& script) const;
 
     std::vector<Namespace> namespaces_;  // in the order of `names`
-    std::optional<SlowCable> viewersLine_;
     bool allowed_ = true;
     std::string error_;
 };

@@ -57,6 +57,10 @@ public:
     /// Of the controls that can have the keyboard, those that would not say what they are.
     std::vector<std::string> namelessControls(const RunningProgram& program);
     std::optional<ScreenImage> screenshot();
+    /// Where the desktop's tray shows an item of this name; waits for it.
+    std::optional<PixelRect> trayItem(const std::string& name);
+    /// Keeps what is on the screen as NAME.png in the folder that VELMORA_PICTURES names, if it does.
+    void keepPicture(const std::string& name);
 
     // What is done; false, with a failure of the test, if it cannot be
 

@@ -33,6 +33,8 @@ std::unique_ptr<RunningProgram> PersonTest::open(const std::vector<std::string>&
 
 void PersonTest::startHostDesk() {
     ASSERT_NO_FATAL_FAILURE(startServer(XServerFixture::Kind::xvfb, hostSize));
+    hostDesktop_ = startOnScreen({"icewm"});  // whose tray takes the host's item
+    ASSERT_TRUE(eventually([this] { return screen().hasWindowManager(); }));
     launchHostAt(server().display());
     hostWindow = std::make_unique<XInputWindow>(server().display());
     ASSERT_TRUE(hostWindow->ok());
@@ -46,6 +48,49 @@ void PersonTest::launchHostAt(const std::string& display) {
     ASSERT_TRUE(host->says("waiting for a viewer", 1, within(20))) << host->said();
     readHostLine(*host);
     ASSERT_TRUE(tells("host", "Online at", within(20))) << host->said() << service->said();
+}
+
+void PersonTest::startApplication() {
+    application = open({VELMORA_PROGRAM});
+    ASSERT_TRUE(tells("person", "Online at", within(20))) << application->said() << diaryOf("person");
+    ASSERT_TRUE(person->trayItem("Velmora")) << application->said();
+}
+
+/// Again if nothing comes: soon after another click it counts as the second half of a double one.
+bool PersonTest::openPanel() {
+    const auto item = person->trayItem("Velmora");
+    return item && eventually([&] {
+               return person->clickAt(item->x + item->width / 2, item->y + item->height / 2) &&
+                      person->sees(*application, "push button", "Add new device", within(0.5));
+           });
+}
+
+bool PersonTest::addDevice(const std::string& name, const std::string& secret) {
+    return person->press(*application, "push button", "Add new device") &&
+           person->fill(*application, "Name", name) && person->fill(*application, "Host ID", hostDigits()) &&
+           person->fill(*application, "Password", secret) &&
+           person->press(*application, "push button", "Add and Connect");
+}
+
+bool PersonTest::isOpen(const std::string& window) {
+    return std::ranges::any_of(person->look(*application), [&](const Control& control) {
+        return control.isShowing && control.window == window;
+    });
+}
+
+/// Off the picture keys are for this desktop, but only from when the window has seen the pointer go.
+bool PersonTest::closeWindow(const std::string& name) {
+    return eventually([&] {
+        if (!isOpen(name)) return true;
+        return person->moveTo(picture.x + picture.width / 2, picture.y - 24) && person->keys({"alt+F4"}) &&
+               eventually([&] { return !isOpen(name); }, within(1));
+    });
+}
+
+std::string PersonTest::hostDigits() const {
+    std::string digits = hostId();
+    std::erase(digits, ' ');
+    return digits;
 }
 
 void PersonTest::paint(std::uint32_t color) {

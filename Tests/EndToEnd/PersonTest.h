@@ -33,6 +33,18 @@ protected:
     /// The same without a screen of the host's making, for one that is there.
     void launchHostAt(const std::string& display);
 
+    /// The person's own Velmora, which is `application` then.
+    void startApplication();
+    /// By a click on the tray item.
+    bool openPanel();
+    /// From the panel that is open, by the host's ID.
+    bool addDevice(const std::string& name, const std::string& secret);
+    std::string hostDigits() const;
+    /// Whether the application shows a window of this name.
+    bool isOpen(const std::string& window);
+    /// A viewer's, with the desktop's own keys.
+    bool closeWindow(const std::string& name);
+
     void paint(std::uint32_t color);
     /// Waits until the person's screen shows the host's in this colour; `picture` is then where.
     bool seesPicture(std::uint32_t color);
@@ -52,9 +64,12 @@ protected:
 
     std::optional<HomeNetworks> homes;
     std::unique_ptr<Person> person;
-    std::unique_ptr<RunningProgram> service, host;
+    std::unique_ptr<RunningProgram> service, host, application;
     std::unique_ptr<XInputWindow> hostWindow;
     PixelRect picture;
+
+private:
+    std::unique_ptr<RunningProgram> hostDesktop_;
 };
 
 }  // namespace velmora

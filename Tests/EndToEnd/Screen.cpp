@@ -109,6 +109,20 @@ PixelRect whereIs(std::uint32_t color, const ScreenImage& image) {
     return right < 0 ? PixelRect{} : PixelRect{left, top, right - left + 1, bottom - top + 1};
 }
 
+bool writePng(const ScreenImage& image, const std::filesystem::path& file) {
+    std::vector<std::uint8_t> rows;
+    rows.reserve(image.pixels.size() * 3);
+    for (const std::uint32_t pixel : image.pixels) {
+        for (const int shift : {16, 8, 0}) rows.push_back(static_cast<std::uint8_t>(pixel >> shift));
+    }
+    png_image header{};
+    header.version = PNG_IMAGE_VERSION;
+    header.width = static_cast<png_uint_32>(image.size.width);
+    header.height = static_cast<png_uint_32>(image.size.height);
+    header.format = PNG_FORMAT_RGB;
+    return png_image_write_to_file(&header, file.c_str(), 0, rows.data(), 0, nullptr) != 0;
+}
+
 std::optional<ScreenImage> readPng(const std::filesystem::path& file) {
     png_image header{};
     header.version = PNG_IMAGE_VERSION;

@@ -30,6 +30,7 @@ std::optional<ScreenImage> screenshotOf(XTestClient& client, const PixelRect& re
 /// has.
 PixelRect whereIs(std::uint32_t color, const ScreenImage& image);
 
+bool writePng(const ScreenImage& image, const std::filesystem::path& file);
 /// None if the file is no image.
 std::optional<ScreenImage> readPng(const std::filesystem::path& file);
 

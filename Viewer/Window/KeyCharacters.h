@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "VelmoraKit/Wire/KeyCodes.h"
 
@@ -31,8 +30,6 @@ public:
     Press take(const QKeyEvent& event);
     /// Whether `key` (Qt's) only changes what others do.
     static bool isModifier(int key);
-    /// What can be typed of `text`, one after the other as a person sees them.
-    static std::vector<std::string> typeableIn(const QString& text);
     /// A dead key that waits is forgotten.
     void reset() { pending_ = 0; }
 

@@ -100,8 +100,7 @@ void ViewerSession::start() {
     });
     preferenceObservation_ = preferences_.observe(main_, [this](const std::string& key) {
         if (key == PreferenceKeys::showStatsOverlay) updateStatsOverlay();
-        if (key == PreferenceKeys::keyboardSendKeys || key == PreferenceKeys::keyboardMatchCharacters)
-            updateKeyboardCapture();
+        if (key == PreferenceKeys::keyboardSendKeys) updateKeyboardCapture();
     });
 
     std::optional<DisplayRequest> request;
@@ -212,7 +211,7 @@ void ViewerSession::startClipboard() {
 
 /// A display of a shape of its own: the window takes that shape.
 void ViewerSession::fitWindowTo(PixelSize size) {
-    if (size.width <= 0 || size.height <= 0 || window_.isMaximized() || window_.isSizedByDesktop()) return;
+    if (size.width <= 0 || size.height <= 0 || window_.isMaximized()) return;
     const QSizeF room = window_.roomForContent();
     const double fit = std::min(room.width() / size.width, room.height() / size.height);
     window_.setContentSize({static_cast<int>(size.width * fit), static_cast<int>(size.height * fit)});
@@ -333,9 +332,7 @@ void ViewerSession::updateKeyboardCapture() {
     }
     // A menu takes the keyboard for itself; a person who wanted out still does when it closes.
     const bool menuHasKeys = window_.isMenuOpen() && !keyboard_.isSuspended();
-    const bool keysGo = streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys;
-    view.setKeysGoToHost(keysGo);
-    keyboard_.setActive(keysGo);
+    keyboard_.setActive(streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys);
 }
 
 void ViewerSession::menuChanged() {
