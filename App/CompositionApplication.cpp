@@ -25,7 +25,9 @@
 #include "App/TrayStatusItem.h"
 #include "Host/InputInjector.h"
 #include "Host/StreamSession.h"
+#include "Platform/Linux/Accessibility/AtSpiTextFocusSource.h"
 #include "Platform/Linux/Capture/MakeScreenCapture.h"
+#include "Platform/Linux/Capture/X11CursorSource.h"
 #include "Platform/Linux/Codec/VideoCodecFactories.h"
 #include "Platform/Linux/Display/WaylandDisplay.h"
 #include "Platform/Linux/Display/X11Displays.h"
@@ -130,6 +132,8 @@ private:
                 .displays = *displays_,
                 .captures = *captures_,
                 .compressors = *compressors_,
+                .cursor = cursor_,
+                .textFocus = textFocus_,
                 .makeInput = [this](const InputReceiverOptions& options) { return makeInput(options); },
                 .clipboard = shared_.forClipboard(),
                 .cpuPercent = [this] { return cpu_.sample(); }});
@@ -154,6 +158,8 @@ private:
     std::unique_ptr<Displays> displays_ = makeDisplays();
     std::unique_ptr<ScreenCaptureFactory> captures_ = makeScreenCaptureFactory();
     std::unique_ptr<VideoCompressorFactory> compressors_ = makeVideoCompressorFactory();
+    X11CursorSource cursor_{main_};
+    AtSpiTextFocusSource textFocus_{main_};
     std::unique_ptr<EventPosterFactory> posters_ = makeEventPosterFactory();
     std::unique_ptr<KeyboardLayout> layout_ = makeKeyboardLayout();
     ProcessCPUSampler cpu_;                     // of the QUIC queue

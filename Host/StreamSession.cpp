@@ -11,7 +11,9 @@ StreamSession::StreamSession(AdmittedViewer viewer, Services services)
       services_(std::move(services)),
       log_(viewer_.connection),
       sender_(std::make_shared<FrameSender>(viewer_.connection, viewer_.videoFlow, services_.capture)),
-      input_(services_.input, std::make_shared<InputSeat>()) {
+      input_(services_.input, std::make_shared<InputSeat>()),
+      cursor_(services_.cursor, services_.main),
+      textFocus_(services_.textFocus, services_.main) {
     auto pipeline =
         std::make_shared<VideoPipeline>(VideoPipeline::Services{.capture = services_.capture,
                                                                 .captures = services_.captures,
@@ -57,7 +59,10 @@ void StreamSession::start(std::function<void(Status)> done) {
         });
     }
     auto finish = alive_.guard([this, done = std::move(done)](const Status& status) {
-        if (status) startClipboard();
+        if (status) {
+            startClipboard();
+            startWatchers();
+        }
         done(status);  // may be our end
     });
     auto tell = [&main = services_.main, finish = std::move(finish)](const Status& status) {
@@ -94,6 +99,23 @@ void StreamSession::startClipboard() {
     });
 }
 
+void StreamSession::startWatchers() {
+    cursor_.start([] { return 1.0; }, [this](const CursorShape& shape) { sendCursor(shape); });
+    textFocus_.start([connection = viewer_.connection](bool takesText) {
+        if (SessionLog::takesAnswers(*connection))
+            connection->send(MessageType::textFocus, TextFocus{takesText}.encode());
+    });
+}
+
+void StreamSession::sendCursor(const CursorShape& shape) {
+    if (!SessionLog::takesAnswers(*viewer_.connection)) return;
+    if (const auto leftOut = cursorLines_.spend(services_.main.now())) {
+        if (*leftOut > 0) hostLog(fmt::format("({} changes of the cursor left out)", *leftOut));
+        hostLog(fmt::format("Cursor shape changed: {:.0f}×{:.0f} pt", shape.width, shape.height));
+    }
+    viewer_.connection->send(MessageType::cursor, shape.encode());
+}
+
 void StreamSession::listenToFlow() {
     if (!viewer_.videoFlow) return;
     // Its callbacks run on the connection's queue, and may only be changed there.
@@ -115,6 +137,8 @@ void StreamSession::listenToFlow() {
 void StreamSession::stop() {
     assertOn(services_.main);
     alive_.renew();
+    cursor_.stop();
+    textFocus_.stop();
     if (messages_)
         viewer_.connection->queue().post([messages = std::move(messages_)]() mutable { messages.reset(); });
     input_.perform([](InputSeat& seat) {

@@ -4,18 +4,23 @@
 #include <memory>
 #include <optional>
 
+#include "Host/CursorWatcher.h"
 #include "Host/DisplayControl.h"
 #include "Host/FrameSender.h"
 #include "Host/HostSession.h"
 #include "Host/InputReceiver.h"
+#include "Host/LineBudget.h"
 #include "Host/QueueOwned.h"
 #include "Host/SessionLog.h"
+#include "Host/TextFocusWatcher.h"
 #include "Host/VideoPipeline.h"
 #include "Host/ViewerMessages.h"
 #include "Host/VirtualDisplay.h"
+#include "Platform/CursorSource.h"
 #include "Platform/Displays.h"
 #include "Platform/KeepAwake.h"
 #include "Platform/ScreenCapture.h"
+#include "Platform/TextFocusSource.h"
 #include "Platform/VideoCompressor.h"
 #include "Shared/ClipboardSync.h"
 
@@ -36,6 +41,8 @@ public:
         Displays& displays;
         ScreenCaptureFactory& captures;
         VideoCompressorFactory& compressors;
+        CursorSource& cursor;
+        TextFocusSource& textFocus;
         VirtualDisplayFactory* virtualDisplays = nullptr;  // none: there are no virtual displays
         InputReceiverFactory makeInput;                    // unset: input is ignored
         std::optional<ClipboardSync::Services> clipboard;  // none: it is not shared
@@ -56,6 +63,8 @@ private:
     void listenToFlow();
     void makeClipboard();
     void startClipboard();
+    void startWatchers();
+    void sendCursor(const CursorShape& shape);
 
     const AdmittedViewer viewer_;
     const Services services_;
@@ -64,7 +73,10 @@ private:
     QueueOwned<InputSeat> input_;
     QueueRef<VideoPipeline> video_;  // owned by display_
     QueueOwned<DisplayControl> display_;
-    QueueOwned<ClipboardSync> clipboard_;       // on main
+    QueueOwned<ClipboardSync> clipboard_;  // on main
+    CursorWatcher cursor_;
+    LineBudget cursorLines_{{.mostAtOnce = 20, .perSecond = 1}};  // a cursor that is animated never rests
+    TextFocusWatcher textFocus_;
     std::shared_ptr<ViewerMessages> messages_;  // on the connection's queue
     std::unique_ptr<KeepAwake::Assertion> activity_;
     std::unique_ptr<KeepAwake::Assertion> displayAssertion_;

@@ -108,6 +108,13 @@ protected:
         viewer->send(type, record.encode());
         time.advanceBy(1ms);
     }
+    std::vector<Bytes> payloadsOf(MessageType type) const {
+        std::vector<Bytes> payloads;
+        for (const auto& message : viewer->received) {
+            if (message.type == type) payloads.push_back(message.payload);
+        }
+        return payloads;
+    }
     std::vector<std::string> linesAfterHello() const {
         auto lines = viewer->logLines();
         if (!lines.empty()) lines.erase(lines.begin());
@@ -315,6 +322,37 @@ TEST_F(StreamSessionTest, theClipboardIsSharedWhileItLasts) {
     host.pasteboard.copyText("alone again");
     time.advanceBy(1s);
     EXPECT_THAT(diary.hostLines(), Not(Contains("Clipboard to viewer: text, 11 bytes")));
+}
+
+TEST_F(StreamSessionTest, theViewerHearsOfTheCursorAndOfTextFocusOnceThereIsAPicture) {
+    const CursorShape beam{.width = 9, .height = 16, .hotX = 4, .hotY = 8, .png = {1, 2, 3}};
+    host.cursor.show(beam);
+    host.textFocus.isSilent = true;
+    connect();
+    time.advanceBy(1s);
+    ASSERT_EQ(viewer->countOf(MessageType::cursor), 1);
+    ASSERT_EQ(viewer->countOf(MessageType::textFocus), 1);
+    EXPECT_THAT(payloadsOf(MessageType::cursor), ElementsAre(beam.encode()));
+    EXPECT_THAT(diary.hostLines(), Contains("Cursor shape changed: 9×16 pt"));
+    host.cursor.show(beam);
+    host.textFocus.focus(FocusedElement{.isEditable = true});
+    time.advanceBy(1s);
+    EXPECT_EQ(viewer->countOf(MessageType::cursor), 1);
+    EXPECT_THAT(payloadsOf(MessageType::textFocus), ElementsAre(Bytes{0}, Bytes{1}));
+    viewer.reset();
+    time.advanceBy(1s);
+    EXPECT_EQ(host.cursor.watches() + host.textFocus.watches(), 0);
+}
+
+TEST_F(StreamSessionTest, aCursorThatNeverRestsDoesNotFillTheLog) {
+    connectAndRest();
+    for (std::uint8_t frame = 0; frame < 100; ++frame) {
+        host.cursor.show({.width = 24, .height = 24, .png = {frame}});
+        time.advanceBy(50ms);
+    }
+    EXPECT_EQ(viewer->countOf(MessageType::cursor), 100);
+    const auto lines = diary.hostLines();
+    EXPECT_LE(std::ranges::count(lines, "Cursor shape changed: 24×24 pt"), 25);
 }
 
 TEST_F(StreamSessionTest, whatCannotBeDecodedIsIgnored) {

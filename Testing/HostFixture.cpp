@@ -51,6 +51,8 @@ StreamSession::Services HostFixture::sessionServices() {
             .displays = displays,
             .captures = screen,
             .compressors = compressors,
+            .cursor = cursor,
+            .textFocus = textFocus,
             .virtualDisplays = virtualDisplays,
             .makeInput = [this](const InputReceiverOptions& options) -> std::unique_ptr<InputReceiver> {
                 auto poster = posters.make({.agent = options.agent});

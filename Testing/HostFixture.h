@@ -7,6 +7,7 @@
 
 #include "Host/StreamServer.h"
 #include "Host/StreamSession.h"
+#include "Testing/FakeCursorSource.h"
 #include "Testing/FakeDisplays.h"
 #include "Testing/FakeEventPoster.h"
 #include "Testing/FakeFolderArchiver.h"
@@ -16,6 +17,7 @@
 #include "Testing/FakePasteboard.h"
 #include "Testing/FakeScreenCapture.h"
 #include "Testing/FakeServiceDiscovery.h"
+#include "Testing/FakeTextFocusSource.h"
 #include "Testing/FakeVideoCompressor.h"
 #include "Testing/ScratchFolder.h"
 #include "Testing/VirtualQueue.h"
@@ -55,6 +57,8 @@ public:
     FakeDisplays displays;
     FakeScreen screen;
     FakeVideoCompressorFactory compressors;
+    FakeCursorSource cursor{main};
+    FakeTextFocusSource textFocus{main};
     FakeServiceDiscovery discovery;
     FakeKeepAwake keepAwake{main};
     FakeMachineInfo machine;

@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
+#include <xcb/xfixes.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 
 #include "Testing/XInputWindow.h"
 #include "Tests/EndToEnd/EndToEndTest.h"
@@ -15,6 +18,21 @@ using Events = std::vector<Event>;
 
 constexpr std::uint32_t picture = 0xC03020;  // the host's screen, where nothing else is
 constexpr std::uint8_t aKey = 38, wKey = 25, tabKey = 23, altKey = 64, wheelUp = 4;
+
+struct Cursor {
+    int width = 0, height = 0, hotX = 0, hotY = 0;
+    bool operator==(const Cursor&) const = default;
+};
+
+/// What the pointer of a screen looks like now.
+Cursor cursorOn(const std::string& display) {
+    xcb_connection_t* const c = xcb_connect(display.c_str(), nullptr);
+    std::free(xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 5, 0), nullptr));
+    const std::unique_ptr<xcb_xfixes_get_cursor_image_reply_t, void (*)(void*)> image(
+        xcb_xfixes_get_cursor_image_reply(c, xcb_xfixes_get_cursor_image(c), nullptr), std::free);
+    xcb_disconnect(c);
+    return image ? Cursor{image->width, image->height, image->xhot, image->yhot} : Cursor{};
+}
 
 /// A window on a host: the built viewer on a screen of its own, with a window manager and a person's hands.
 class ViewerWindowEndToEnd : public EndToEndTest {
@@ -50,6 +68,16 @@ protected:
         const xcb_rectangle_t all{0, 0, hostSize.width, hostSize.height};
         xcb_poly_fill_rectangle(c, hostWindow_->window(), pen, 1, &all);
         xcb_free_gc(c, pen);
+        xcb_flush(c);
+    }
+    /// Over the host's window; one of its server's own cursors.
+    void setHostCursor(std::uint16_t glyph) {
+        auto* const c = hostWindow_->connection();
+        const xcb_font_t font = xcb_generate_id(c);
+        const xcb_cursor_t cursor = xcb_generate_id(c);
+        xcb_open_font(c, font, 6, "cursor");
+        xcb_create_glyph_cursor(c, cursor, font, font, glyph, glyph + 1, 0, 0, 0, 0xFFFF, 0xFFFF, 0xFFFF);
+        xcb_change_window_attributes(c, hostWindow_->window(), XCB_CW_CURSOR, &cursor);
         xcb_flush(c);
     }
     /// Whether the viewer's screen shows the host's at its own size; `place_` is then where.
@@ -94,6 +122,20 @@ TEST_F(ViewerWindowEndToEnd, handsOverThePictureReachTheHost) {
     ASSERT_NE(down, typed.end());
     EXPECT_TRUE(down->state & XCB_MOD_MASK_SHIFT);
     EXPECT_FALSE(hostWindow_->isAnythingDown());
+}
+
+TEST_F(ViewerWindowEndToEnd, overThePictureThePointerLooksAsTheHosts) {
+    constexpr std::uint16_t textBeam = 152, hand = 60;  // of the font "cursor"
+    setHostCursor(textBeam);
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    const std::string viewers = person_->display();
+    const auto looksAlike = [&] { return cursorOn(viewers) == cursorOn(server().display()); };
+    EXPECT_TRUE(eventually(looksAlike)) << "the one that was there when the window opened";
+    const Cursor beam = cursorOn(viewers);
+    setHostCursor(hand);
+    EXPECT_TRUE(eventually([&] { return cursorOn(viewers) != beam && looksAlike(); }));
+    use({"mousemove", std::to_string(place_.x + 300), std::to_string(place_.y - 24)});
+    EXPECT_TRUE(eventually([&] { return !looksAlike(); })) << "this machine's own, off the picture";
 }
 
 TEST_F(ViewerWindowEndToEnd, theDesktopsOwnShortcutsGoToTheHostUntilThePersonWantsOut) {

@@ -13,10 +13,12 @@
 #include "Host/StreamSession.h"
 #include "Platform/Linux/Network/QuicTransportStack.h"
 #include "Platform/Linux/Network/UdpSocket.h"
+#include "Testing/FakeCursorSource.h"
 #include "Testing/FakeDisplays.h"
 #include "Testing/FakeKeepAwake.h"
 #include "Testing/FakeMachineInfo.h"
 #include "Testing/FakeServiceDiscovery.h"
+#include "Testing/FakeTextFocusSource.h"
 #include "Testing/FakeVideoCompressor.h"
 #include "Testing/ScriptedViewer.h"
 #include "Tests/TestIdentity.h"
@@ -123,6 +125,8 @@ protected:
                                                                        .displays = displays,
                                                                        .captures = screen,
                                                                        .compressors = compressors,
+                                                                       .cursor = cursor,
+                                                                       .textFocus = textFocus,
                                                                        .cpuPercent = [] { return 1.0; }});
     }
     /// Waits, for as long as a slow machine under a sanitizer may take.
@@ -155,6 +159,8 @@ protected:
     FakeDisplays displays;
     FlickeringScreen screen;
     FakeVideoCompressorFactory compressors;
+    FakeCursorSource cursor{main};
+    FakeTextFocusSource textFocus{main};
     bool isListening = false;  // on main
     std::unique_ptr<StreamServer> server;
     std::unique_ptr<ScriptedViewer> viewer;  // on viewerQueue

@@ -15,10 +15,12 @@
 
 #include "Host/StreamServer.h"
 #include "Host/StreamSession.h"
+#include "Testing/FakeCursorSource.h"
 #include "Testing/FakeDisplays.h"
 #include "Testing/FakeMachineInfo.h"
 #include "Testing/FakePreferenceStore.h"
 #include "Testing/FakeScreenCapture.h"
+#include "Testing/FakeTextFocusSource.h"
 #include "Testing/FakeVideoCompressor.h"
 #include "Testing/FakeVideoDecompressor.h"
 #include "Testing/SimulatedLink.h"
@@ -126,6 +128,8 @@ protected:
                                                        .displays = displays,
                                                        .captures = screen,
                                                        .compressors = compressors,
+                                                       .cursor = cursor,
+                                                       .textFocus = textFocus,
                                                        .makeInput =
                                                            [this](const InputReceiverOptions&) {
                                                                return std::make_unique<RecordedInput>(inputs);
@@ -206,6 +210,8 @@ protected:
     FakeDisplays displays;
     FakeScreen screen;
     FakeVideoCompressorFactory compressors;
+    FakeCursorSource cursor{main};
+    FakeTextFocusSource textFocus{main};
     FakeVideoDecompressorFactory decompressors;
     std::vector<InputEvent> inputs;
     std::unique_ptr<StreamServer> server;
