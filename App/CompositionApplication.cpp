@@ -49,6 +49,7 @@
 #include "Platform/Linux/Tray/LinuxTrayPresence.h"
 #include "Platform/Linux/Web/QtHttpClient.h"
 #include "Platform/Linux/Window/X11KeyboardWatch.h"
+#include "Platform/Linux/Window/X11PanelDesktop.h"
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/ProcessCPUSampler.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
@@ -203,7 +204,10 @@ std::unique_ptr<QCoreApplication> makeQt(int& argc, char** argv) {
 class Screen {
 public:
     explicit Screen(SharedServices& shared)
-        : shared_(shared), viewer_(shared), tray_(windowKind()), statusItem_(tray_), alerts_(shared.main) {}
+        : shared_(shared), viewer_(shared), tray_(windowKind()), statusItem_(tray_), alerts_(shared.main) {
+        if (windowKind() == LinuxTrayPresence::Windows::x11)
+            panelDesktop_ = std::make_unique<X11PanelDesktop>();
+    }
 
     Alerts& alerts() { return alerts_; }
     std::unique_ptr<Windows> makeWindows(const Windows::Contents& contents) {
@@ -213,6 +217,7 @@ public:
         const bool isAskedFor = !qEnvironmentVariableIsSet("DESKTOP_AUTOSTART_ID");
         MenuPanelController::Parameters panel;
         if (!isAskedFor) panel.trayPatience.reset();
+        panel.desktop = panelDesktop_.get();
         return std::make_unique<QtWindows>(
             contents, QtWindows::Services{.main = shared_.main,
                                           .preferences = shared_.preferences,
@@ -237,6 +242,7 @@ private:
     ViewerServices viewer_;
     LinuxTrayPresence tray_;
     TrayStatusItem statusItem_;
+    std::unique_ptr<X11PanelDesktop> panelDesktop_;  // none on Wayland
     QtAlerts alerts_;
 };
 

@@ -246,7 +246,12 @@ void MenuPanelController::trayChanged() {
     patience_.reset();
     const bool hasWindow = panel_->isVisible() && panel_->form() == Panel::Form::window;
     if (statusItem_.isAvailable() || hasWindow || !parameters_.trayPatience) return;
-    patience_ = main_.after(*parameters_.trayPatience, [this] { show(); });
+    patience_ = main_.after(*parameters_.trayPatience, [this] {
+        // A window that cannot be put away would lie over the bare screen for good.
+        const bool canBePutAway = !parameters_.desktop || parameters_.desktop->managesWindows();
+        if (canBePutAway) return show();
+        trayChanged();
+    });
 }
 
 }  // namespace velmora

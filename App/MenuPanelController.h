@@ -14,7 +14,7 @@
 
 namespace velmora {
 
-/// Opens the menu panel at the tray item and closes it. Where there is no tray, the panel is an ordinary
+/// Opens the menu panel at the tray item and closes it. On a desktop without a tray the panel is an ordinary
 /// window instead, which opens by itself and stays within reach: closing it puts it into the task bar. One
 /// per application, on the main queue; needs a QApplication. Takes the callbacks of the status item.
 class MenuPanelController {

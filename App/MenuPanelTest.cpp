@@ -244,6 +244,10 @@ TEST_F(MenuPanelTest, whereThereIsNoTrayAWindowOpensAndStaysWithinReach) {
     models.time.advanceBy(5s);
     EXPECT_EQ(shown, 0);  // the tray came in time
     item.setAvailable(false);
+    desktop.hasWindowManager = false;  // nobody could put the window away
+    models.time.advanceBy(10s);
+    EXPECT_EQ(shown, 0);
+    desktop.hasWindowManager = true;
     models.time.advanceBy(3s);
     EXPECT_EQ(shown, 1);
     EXPECT_FALSE(panel()->windowFlags() & Qt::FramelessWindowHint);

@@ -78,8 +78,8 @@ MenuPanelView::MenuPanelView(MenuModel& model, HostIdentity& identity, RemoteDev
       scroll_(new QScrollArea(this)),
       content_(new QWidget(this)),
       card_(new Card(content_)),
-      id_(new CopyRow(QStringLiteral("ID"), main, card_)),
-      password_(new CopyRow(QStringLiteral("Password"), main, card_)),
+      id_(new CopyRow(QStringLiteral("ID"), {}, main, card_)),
+      password_(new CopyRow(QStringLiteral("Password"), QStringLiteral("Change Password"), main, card_)),
       badge_(new IDStatusBadge(card_)),
       note_(new InkLabel(content_)),
       viewer_(new ViewerRow(content_)),
@@ -172,7 +172,7 @@ void MenuPanelView::fillCard() {
 }
 
 void MenuPanelView::connectActions() {
-    password_->setEdit(QStringLiteral("Change Password"), [this] { model_.actions.changePassword(); });
+    password_->onEdit = [this] { model_.actions.changePassword(); };
     password_->onMenu = [this](const QPoint& place) { openPasswordMenu(place); };
     viewer_->onDisconnect = [this] { model_.actions.disconnectViewer(); };
     server_->onClick = [this] {

@@ -120,12 +120,12 @@ void MenuRow::contextMenuEvent(QContextMenuEvent* event) {
     onMenu(menuPlace(*event, *this));
 }
 
-CopyRow::CopyRow(const QString& what, Queue& main, QWidget* parent)
+CopyRow::CopyRow(const QString& what, const QString& edit, Queue& main, QWidget* parent)
     : QWidget(parent),
       main_(main),
       label_(new QLabel(what + QStringLiteral(":"), this)),
       value_(new InkLabel(this)),
-      edit_(new GlyphButton(Style::Glyph::pencil, {}, {}, this)),
+      edit_(edit.isEmpty() ? nullptr : new GlyphButton(Style::Glyph::pencil, edit, edit, this)),
       copy_(new GlyphButton(Style::Glyph::copy, QStringLiteral("Copy %1").arg(what), QStringLiteral("Copy"),
                             this)) {
     label_->setForegroundRole(QPalette::PlaceholderText);
@@ -136,10 +136,13 @@ CopyRow::CopyRow(const QString& what, Queue& main, QWidget* parent)
     layout->addWidget(label_);
     layout->addSpacing(grid);
     layout->addWidget(value_, 1);
-    layout->addWidget(edit_);
+    if (edit_) layout->addWidget(edit_);
     layout->addWidget(copy_);
-    edit_->setVisible(false);
     copy_->onClick = [this] { copy(); };
+    if (!edit_) return;
+    edit_->onClick = [this] {
+        if (const auto act = onEdit) act();
+    };
 }
 
 void CopyRow::setValue(const std::string& shown, const std::string& copied) {
@@ -161,14 +164,7 @@ void CopyRow::present(const QString& text, std::optional<StatusColor> ink) {
     value_->setInk(ink);
     value_->setFont(isMissing_ ? Style::font(1) : Style::font(1.3, QFont::DemiBold));
     copy_->setEnabled(!isMissing_);
-    edit_->setEnabled(!isMissing_);
-}
-
-void CopyRow::setEdit(const QString& toolTip, std::function<void()> edit) {
-    edit_->setAccessibleName(toolTip);
-    edit_->setToolTip(toolTip);
-    edit_->onClick = std::move(edit);
-    edit_->setVisible(true);
+    if (edit_) edit_->setEnabled(!isMissing_);
 }
 
 int CopyRow::valueLeft() const {

@@ -51,15 +51,15 @@ private:
 /// A value to copy: what it is, the value, a button that copies it and perhaps one that changes it.
 class CopyRow final : public QWidget {
 public:
-    /// `what` is the value's name, such as "ID"; the row adds the colon.
-    CopyRow(const QString& what, Queue& main, QWidget* parent);
+    /// `what` is the value's name, such as "ID"; the row adds the colon. `edit` says what the button that
+    /// changes the value does; empty: there is no such button.
+    CopyRow(const QString& what, const QString& edit, Queue& main, QWidget* parent);
 
     /// Shows `shown`; the button copies `copied`.
     void setValue(const std::string& shown, const std::string& copied);
     /// There is nothing to copy or to change now, and `words` say why.
     void setMissing(const QString& words, Appearance::StatusColor ink);
-    /// Adds a button which calls `edit`.
-    void setEdit(const QString& toolTip, std::function<void()> edit);
+    std::function<void()> onEdit;
     /// Somebody wants the row's menu; only while there is a value.
     std::function<void(const QPoint& place)> onMenu;
 
@@ -82,7 +82,7 @@ private:
     Queue& main_;
     QLabel* const label_;
     InkLabel* const value_;
-    GlyphButton* const edit_;  // hidden until it has something to call
+    GlyphButton* const edit_;  // or none
     GlyphButton* const copy_;
     std::string copied_;
     bool isMissing_ = false;

@@ -14,6 +14,9 @@ public:
 
     virtual ~PanelDesktop() = default;
 
+    /// Whether somebody manages windows: frames them, and brings them back that were put away.
+    virtual bool managesWindows() const = 0;
+
     /// No task bar lists the window when it is shown next. Before each showing: the desktop forgets it.
     virtual void keepOutOfTaskBar(WindowId window) = 0;
 

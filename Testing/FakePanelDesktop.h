@@ -8,6 +8,7 @@ namespace velmora {
 
 class FakePanelDesktop final : public PanelDesktop {
 public:
+    bool managesWindows() const override { return hasWindowManager; }
     void keepOutOfTaskBar(WindowId window) override { unlisted.insert(window); }
     void startWatching() override { isWatching = true; }
     void stopWatching() override { isWatching = false; }
@@ -18,7 +19,7 @@ public:
     }
 
     std::set<WindowId> unlisted;
-    bool isWatching = false;
+    bool hasWindowManager = true, isWatching = false;
 };
 
 }  // namespace velmora

@@ -19,9 +19,11 @@ using namespace std::chrono_literals;
 
 class FakeRig {
 public:
+    FakeRig() { desktop_.hasWindowManager = false; }
     PanelDesktop& desktop() { return desktop_; }
     PanelDesktop::WindowId window() const { return 7; }
     bool isUnlisted() const { return desktop_.unlisted.contains(window()); }
+    void manageWindows() { desktop_.hasWindowManager = true; }
     void press() { desktop_.press(); }
     void turnWheel() {}
 
@@ -43,6 +45,12 @@ public:
             x(), xcb_get_property(x(), 0, window_, atom("_NET_WM_STATE"), XCB_ATOM_ATOM, 0, 8), nullptr);
         const auto* states = static_cast<const xcb_atom_t*>(xcb_get_property_value(value));
         return value->length > 0 && states[0] == atom("_NET_WM_STATE_SKIP_TASKBAR");
+    }
+    void manageWindows() {
+        for (const auto owner : {person_.root(), window_})
+            xcb_change_property(x(), XCB_PROP_MODE_REPLACE, owner, atom("_NET_SUPPORTING_WM_CHECK"),
+                                XCB_ATOM_WINDOW, 32, 1, &window_);
+        sync();
     }
     void press() { pressAndRelease(1); }
     void turnWheel() { pressAndRelease(5); }
@@ -102,6 +110,12 @@ TYPED_TEST(PanelDesktopContract, tellsOfPressesOnlyWhileTheyAreWatched) {
     rig.desktop().startWatching();
     rig.press();
     EXPECT_TRUE(this->becomes(3));
+}
+
+TYPED_TEST(PanelDesktopContract, knowsWhetherWindowsAreManaged) {
+    EXPECT_FALSE(this->rig.desktop().managesWindows());
+    this->rig.manageWindows();
+    EXPECT_TRUE(this->rig.desktop().managesWindows());
 }
 
 TYPED_TEST(PanelDesktopContract, keepsAWindowOutOfTaskBars) {

@@ -25,6 +25,7 @@ public:
         auto opened = XConnection::open();
         if (!opened) return;
         x_ = std::move(*opened);
+        check_ = atom("_NET_SUPPORTING_WM_CHECK");
         state_ = atom("_NET_WM_STATE");
         skipTaskBar_ = atom("_NET_WM_STATE_SKIP_TASKBAR");
         skipPager_ = atom("_NET_WM_STATE_SKIP_PAGER");
@@ -36,6 +37,12 @@ public:
         inputOpcode_ = input->major_opcode;
         wake_.emplace(xcb_get_file_descriptor(*x_), QSocketNotifier::Read);
         QObject::connect(&*wake_, &QSocketNotifier::activated, &*wake_, [this] { readEvents(); });
+    }
+
+    /// A window manager leaves a window of its own, and says so on that and on the root.
+    bool managesWindows() const {
+        const auto manager = x_ && !x_->isBroken() ? checkWindowOf(x_->root()) : XCB_NONE;
+        return manager != XCB_NONE && checkWindowOf(manager) == manager;
     }
 
     void keepOutOfTaskBar(WindowId window) {
@@ -61,6 +68,13 @@ public:
 
 private:
     void waitUntilDone() const { x_->reply(xcb_get_input_focus_reply, xcb_get_input_focus(*x_)); }
+    xcb_window_t checkWindowOf(xcb_window_t window) const {
+        const auto value = x_->reply(xcb_get_property_reply,
+                                     xcb_get_property(*x_, 0, window, check_, XCB_ATOM_WINDOW, 0, 1));
+        if (!value || xcb_get_property_value_length(value.get()) < static_cast<int>(sizeof(xcb_window_t)))
+            return XCB_NONE;
+        return *static_cast<const xcb_window_t*>(xcb_get_property_value(value.get()));
+    }
     xcb_atom_t atom(std::string_view name) const {
         const auto reply =
             x_->reply(xcb_intern_atom_reply,
@@ -85,7 +99,7 @@ private:
     const std::function<void()> onPress_;
     std::unique_ptr<XConnection> x_;
     std::optional<QSocketNotifier> wake_;
-    xcb_atom_t state_ = 0, skipTaskBar_ = 0, skipPager_ = 0;
+    xcb_atom_t check_ = 0, state_ = 0, skipTaskBar_ = 0, skipPager_ = 0;
     std::uint8_t inputOpcode_ = 0;
     bool isWatching_ = false;
 };
@@ -96,6 +110,10 @@ X11PanelDesktop::X11PanelDesktop()
       })) {}
 
 X11PanelDesktop::~X11PanelDesktop() = default;
+
+bool X11PanelDesktop::managesWindows() const {
+    return server_->managesWindows();
+}
 
 void X11PanelDesktop::keepOutOfTaskBar(WindowId window) {
     server_->keepOutOfTaskBar(window);

@@ -13,6 +13,7 @@ public:
     X11PanelDesktop();
     ~X11PanelDesktop() override;
 
+    bool managesWindows() const override;
     void keepOutOfTaskBar(WindowId window) override;
     void startWatching() override;
     void stopWatching() override;
