@@ -53,6 +53,7 @@
 #include "Shared/RemoteDevices.h"
 #include "VelmoraKit/Core/ProcessCPUSampler.h"
 #include "VelmoraKit/Core/ThreadQueue.h"
+#include "VelmoraKit/Core/Utf8.h"
 #include "VelmoraKit/Transport/HostCertificate.h"
 #include "VelmoraKit/Transport/UdpProbes.h"
 #include "Viewer/Window/Appearance.h"
@@ -221,7 +222,7 @@ public:
         return std::make_unique<QtWindows>(
             contents, QtWindows::Services{.main = shared_.main,
                                           .preferences = shared_.preferences,
-                                          .pasteboard = shared_.pasteboard,
+                                          .pasteboard = *shared_.pasteboard,
                                           .statusItem = statusItem_,
                                           .forSession = [this] { return viewer_.forSession(); },
                                           .panel = panel});
@@ -249,7 +250,8 @@ private:
 /// In a second start: what the first said, which is for whoever started it.
 int tellSecondStart(const SingleInstance& instance) {
     if (instance.answer()) {
-        printLine(*instance.answer());
+        constexpr std::size_t longest = 500;
+        printLine(printableLine(*instance.answer(), longest));
         return EXIT_SUCCESS;
     }
     fmt::print(stderr, "Velmora: it is running already, but does not answer\n");
@@ -280,7 +282,7 @@ int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
                                  if (!screen) return std::make_unique<NoWindows>();
                                  return screen->makeWindows(contents);
                              }));
-    delegate.onQuit = [] { QCoreApplication::quit(); };
+    delegate.onQuit = [] { QCoreApplication::exit(); };  // quit() asks the windows, which may refuse
     quitSignals.deliver(main, [&delegate] { delegate.quit(); });
     farewell = [&delegate] {
         delegate.leave();

@@ -1,6 +1,8 @@
 #pragma once
 
-#include "Platform/Linux/Clipboard/X11Pasteboard.h"
+#include <memory>
+
+#include "Platform/Linux/Clipboard/Pasteboards.h"
 #include "Platform/Linux/Clipboard/ZipFolderArchiver.h"
 #include "Platform/Linux/Discovery/AvahiServiceDiscovery.h"
 #include "Platform/Linux/System/JsonPreferenceStore.h"
@@ -35,7 +37,7 @@ struct SharedServices {
     JsonPreferenceStore preferences{JsonPreferenceStore::defaultFile()};
     LinuxMachineInfo machine;
     LinuxKeepAwake keepAwake{main};
-    X11Pasteboard pasteboard{main};
+    const std::unique_ptr<Pasteboard> pasteboard = makePasteboard(main);
     ZipFolderArchiver archiver;
     AvahiServiceDiscovery discovery;
     QtWebSocketFactory sockets;

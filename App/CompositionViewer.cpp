@@ -13,7 +13,7 @@
 namespace velmora {
 
 ClipboardSync::Services SharedServices::forClipboard() {
-    return {.pasteboard = pasteboard,
+    return {.pasteboard = *pasteboard,
             .archiver = archiver,
             .main = main,
             .worker = files,

@@ -54,7 +54,7 @@ public:
     /// Another number after each change, our own writes included: those count before `write` returns.
     virtual std::int64_t changeCount() = 0;
 
-    /// What is offered now, in the owner's order and words; nothing if the owner is silent.
+    /// What is offered now, in the owner's order and words; nothing if the owner must be asked and is silent.
     virtual void readTypes(Types done) = 0;
     /// The bytes of a type, at most `most` of them. `text` and `png` are found under any name and in
     /// any form that they have here.

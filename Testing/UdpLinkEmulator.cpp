@@ -10,10 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <deque>
 #include <mutex>
-#include <optional>
-#include <random>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -24,7 +21,7 @@ namespace velmora {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Packet = std::vector<std::uint8_t>;
+using Packet = LinkPipe::Packet;
 
 [[noreturn]] void raise(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -56,51 +53,6 @@ public:
 
 private:
     const int fd_;
-};
-
-/// One direction: packets wait in the bottleneck, then fly for the delay.
-class Pipe {
-public:
-    Pipe(UdpLinkEmulator::Direction direction, std::uint64_t seed) : direction_(direction), random_(seed) {}
-
-    void setDirection(const UdpLinkEmulator::Direction& direction) { direction_ = direction; }
-    void clear() { flying_.clear(); }
-
-    void enter(Packet packet, Clock::time_point now) {
-        if (std::uniform_real_distribution<>()(random_) < direction_.loss) return;
-        auto leaves = now;
-        if (direction_.bitsPerSecond > 0) {
-            const auto perSecond = static_cast<double>(direction_.bitsPerSecond);
-            const double holds =
-                direction_.queueBytes > 0 ? static_cast<double>(direction_.queueBytes) * 8 / perSecond : 0.05;
-            freeAt_ = std::max(freeAt_, now);
-            if (std::chrono::duration<double>(freeAt_ - now).count() > holds) return;
-            // 28 bytes of IP and UDP headers take their time too.
-            const double takes = static_cast<double>(packet.size() + 28) * 8 / perSecond;
-            freeAt_ += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(takes));
-            leaves = freeAt_;
-        }
-        // A shortened delay must not make packets overtake each other.
-        const auto arrives =
-            std::max(leaves + direction_.delay, flying_.empty() ? leaves : flying_.back().first);
-        flying_.emplace_back(arrives, std::move(packet));
-    }
-    std::optional<Clock::time_point> nextArrival() const {
-        if (flying_.empty()) return std::nullopt;
-        return flying_.front().first;
-    }
-    std::optional<Packet> arrived(Clock::time_point now) {
-        if (flying_.empty() || flying_.front().first > now) return std::nullopt;
-        Packet packet = std::move(flying_.front().second);
-        flying_.pop_front();
-        return packet;
-    }
-
-private:
-    UdpLinkEmulator::Direction direction_;
-    std::mt19937_64 random_;
-    Clock::time_point freeAt_{};
-    std::deque<std::pair<Clock::time_point, Packet>> flying_;
 };
 
 }  // namespace
@@ -170,13 +122,13 @@ private:
     }
     timespec timeToNextArrival() const {
         auto next = Clock::now() + std::chrono::seconds(1);
-        for (const Pipe* pipe : {&toHost_, &toViewer_})
+        for (const LinkPipe* pipe : {&toHost_, &toViewer_})
             next = std::min(next, pipe->nextArrival().value_or(next));
         const auto span = std::max(next - Clock::now(), Clock::duration::zero());
         const auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(span).count();
         return {.tv_sec = nanos / 1'000'000'000, .tv_nsec = nanos % 1'000'000'000};
     }
-    void receive(int fd, Pipe& pipe, sockaddr_in* source) {
+    void receive(int fd, LinkPipe& pipe, sockaddr_in* source) {
         std::array<std::uint8_t, 65536> buffer;
         for (;;) {
             sockaddr_in from{};
@@ -195,7 +147,7 @@ private:
     }
 
     std::mutex mutex_;  // guards the pipes, the addresses, the back socket and dead_
-    Pipe toHost_, toViewer_;
+    LinkPipe toHost_, toViewer_;
     Socket front_;
     std::unique_ptr<Socket> back_;
     sockaddr_in host_{}, viewer_{};

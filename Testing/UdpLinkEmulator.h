@@ -1,9 +1,9 @@
 #pragma once
 
-#include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
+
+#include "Testing/LinkPipe.h"
 
 namespace velmora {
 
@@ -13,12 +13,7 @@ namespace velmora {
 /// precision (some 60 microseconds late). One viewer at a time: the last address seen gets the answers.
 class UdpLinkEmulator {
 public:
-    struct Direction {
-        std::chrono::microseconds delay{0};
-        double loss = 0;                 // share of packets, 0 to 1
-        std::int64_t bitsPerSecond = 0;  // 0: no bottleneck
-        std::size_t queueBytes = 0;      // what the bottleneck holds before it drops; 0: 50 ms worth
-    };
+    using Direction = LinkPipe::Direction;
     struct Link {
         Direction toHost, toViewer;
     };

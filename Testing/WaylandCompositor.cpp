@@ -11,6 +11,7 @@
 #include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -28,7 +29,6 @@ namespace {
 
 constexpr auto nothing = [](auto...) {};
 constexpr auto destroy = [](wl_client*, wl_resource* resource) { wl_resource_destroy(resource); };
-constexpr const char* textType = "text/plain;charset=utf-8";
 
 }  // namespace
 
@@ -53,6 +53,8 @@ public:
     ~Desktop() {
         perform([this] { wl_display_terminate(display_); });
         thread_.join();
+        for (std::thread& giver : givers_) giver.join();
+        for (const int end : unanswered_) close(end);
         wl_display_destroy_clients(display_);
         wl_display_destroy(display_);
         close(wake_);
@@ -84,7 +86,7 @@ public:
     }
 
     void setFocus(bool focused) {
-        if (!window_) return;
+        if (!window_ || keyboards_.empty() || isFocused_ == focused) return;
         wl_array none;
         wl_array_init(&none);
         for (wl_resource* keyboard : keyboards_) {
@@ -131,12 +133,13 @@ public:
         for (wl_resource* inhibitor : inhibitors_) tellLent(inhibitor);
     }
 
-    void copy(const std::string& text) {
-        copied_ = text;
+    void copy(std::map<std::string, std::string> forms) {
+        copied_ = std::move(forms);
         if (wl_resource* const before = std::exchange(source_, nullptr))
             wl_data_source_send_cancelled(before);
         if (isFocused_) tellSelection();
     }
+    void fallSilent() { isSilent_ = true; }
     /// The end to read from; none if that is not offered.
     std::optional<int> paste(const std::string& type) {
         if (!source_ || std::ranges::find(sourceTypes_, type) == sourceTypes_.end()) return std::nullopt;
@@ -186,6 +189,7 @@ private:
                 if (surface->toplevel != gone) continue;
                 surface->toplevel = nullptr;
                 if (self.window_ == surface) self.window_ = nullptr;
+                self.isFocused_ = self.isPointerInside_ = false;
             }
         });
         if (kept) (this->*kept).push_back(made);
@@ -406,7 +410,7 @@ private:
         wl_resource* const before = std::exchange(source_, chosen);
         if (before && before != chosen) wl_data_source_send_cancelled(before);
         sourceTypes_ = chosen ? offered_[chosen] : std::vector<std::string>();
-        copied_.reset();
+        copied_.clear();
         tellSelection();
     }
     /// Whoever has the keys hears what the clipboard holds.
@@ -418,16 +422,15 @@ private:
                     Desktop& self = of(r);
                     if (self.source_) {
                         wl_data_source_send_send(self.source_, type, end);
-                    } else if (self.copied_ && std::string(type) == textType) {
-                        [[maybe_unused]] const auto sent =
-                            write(end, self.copied_->data(), self.copied_->size());
+                        close(end);
+                    } else {
+                        self.give(type, end);
                     }
-                    close(end);
                 },
             .destroy = destroy, .finish = nothing, .set_actions = nothing
         };
         std::vector<std::string> types = source_ ? sourceTypes_ : std::vector<std::string>();
-        if (copied_) types.push_back(textType);
+        for (const auto& [type, content] : copied_) types.push_back(type);
         for (wl_resource* device : dataDevices_) {
             if (types.empty()) {
                 wl_data_device_send_selection(device, nullptr);
@@ -439,6 +442,21 @@ private:
             for (const std::string& type : types) wl_data_offer_send_offer(offer, type.c_str());
             wl_data_device_send_selection(device, offer);
         }
+    }
+
+    /// Larger things than a pipe holds take their time.
+    void give(const std::string& type, int end) {
+        if (isSilent_) {
+            unanswered_.push_back(end);
+            return;
+        }
+        givers_.emplace_back([content = copied_[type], end] {
+            std::size_t sent = 0;
+            for (ssize_t size = 0; sent < content.size() &&
+                                   (size = write(end, content.data() + sent, content.size() - sent)) > 0;)
+                sent += static_cast<std::size_t>(size);
+            close(end);
+        });
     }
 
     int runActions() {
@@ -467,7 +485,10 @@ private:
     wl_resource* source_ = nullptr;  // of the client whose copy it is
     std::vector<std::string> sourceTypes_;
     std::map<wl_resource*, std::vector<std::string>> offered_;
-    std::optional<std::string> copied_;  // by the other program
+    std::map<std::string, std::string> copied_;  // by the other program
+    bool isSilent_ = false;
+    std::vector<int> unanswered_;
+    std::list<std::thread> givers_;
 
     const int wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::mutex mutex_;
@@ -476,6 +497,7 @@ private:
 };
 
 WaylandCompositor::WaylandCompositor(const Options& options) {
+    std::signal(SIGPIPE, SIG_IGN);  // who pastes may stop reading
     sockaddr_un address{.sun_family = AF_UNIX};
     const std::string path = (folder_ / "wayland").string();
     if (path.size() >= sizeof address.sun_path) return;
@@ -523,8 +545,11 @@ int WaylandCompositor::shortcutRequests() {
 void WaylandCompositor::lendShortcuts(bool lent) {
     desktop_->perform([=, this] { desktop_->lendShortcuts(lent); });
 }
-void WaylandCompositor::copy(const std::string& text) {
-    desktop_->perform([&] { desktop_->copy(text); });
+void WaylandCompositor::copy(std::map<std::string, std::string> forms) {
+    desktop_->perform([&] { desktop_->copy(std::move(forms)); });
+}
+void WaylandCompositor::fallSilent() {
+    desktop_->perform([this] { desktop_->fallSilent(); });
 }
 
 std::optional<std::string> WaylandCompositor::paste(const std::string& type) {

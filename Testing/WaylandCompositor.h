@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,8 +45,10 @@ public:
     /// The person lets the window have them, as at first, or takes them back.
     void lendShortcuts(bool lent);
 
-    /// Another program's copy of text; what a program pastes that is no client, none if it is not offered.
-    void copy(const std::string& text);
+    /// Another program's copy: forms by their types; and that it gives no more of it to whoever asks.
+    void copy(std::map<std::string, std::string> forms);
+    void fallSilent();
+    /// What the other program pastes of the client's; none if it is not offered.
     std::optional<std::string> paste(const std::string& type);
 
 private:

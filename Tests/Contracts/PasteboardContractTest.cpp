@@ -16,6 +16,7 @@
 #include "Testing/VirtualQueue.h"
 #include "Testing/XServerFixture.h"
 #include "Testing/XTestClient.h"
+#include "Tests/Contracts/PasteboardContract.h"
 
 namespace velmora {
 namespace {
@@ -34,6 +35,8 @@ const X11Pasteboard::Parameters patient{
 /// A pasteboard, and another program that uses it too.
 class FakeRig {
 public:
+    static constexpr bool knowsTypes = false;
+
     Pasteboard& pasteboard() { return pasteboard_; }
     void copyElsewhere(std::vector<PasteboardItem> items) { pasteboard_.copy(std::move(items)); }
     void copyFilesElsewhere(const std::vector<std::filesystem::path>& files) { pasteboard_.copyFiles(files); }
@@ -55,6 +58,8 @@ private:
 /// The other program is xclip, or for what it cannot do a second client of ours.
 class X11Rig {
 public:
+    static constexpr bool knowsTypes = false;
+
     X11Rig() { EXPECT_TRUE(server_.ok()) << server_.error(); }
     Pasteboard& pasteboard() { return *pasteboard_; }
     void copyElsewhere(std::vector<PasteboardItem> items) {
@@ -96,56 +101,6 @@ private:
     std::vector<std::unique_ptr<ChildProgram>> owners_;
 };
 
-template <class Rig>
-class PasteboardContract : public testing::Test {
-protected:
-    PasteboardContract() { types(); }  // it watches from now on at the latest
-
-    Pasteboard& pasteboard() { return rig.pasteboard(); }
-    std::vector<std::string> types() {
-        std::optional<std::vector<std::string>> found;
-        pasteboard().readTypes([&](auto types) { found = std::move(types); });
-        EXPECT_TRUE(rig.waitUntil([&] { return found.has_value(); }));
-        return found.value_or(std::vector<std::string>());
-    }
-    Result<Bytes, Lack> read(const std::string& type, std::size_t most = 64 << 20) {
-        std::optional<Result<Bytes, Lack>> found;
-        pasteboard().read(type, most, [&](auto outcome) { found = std::move(outcome); });
-        EXPECT_FALSE(found) << "told from inside the call";
-        EXPECT_TRUE(rig.waitUntil([&] { return found.has_value(); }));
-        return found.value_or(Lack{});
-    }
-    static std::optional<Lack> lackOf(const Result<Bytes, Lack>& outcome) {
-        return outcome ? std::nullopt : std::optional(outcome.error());
-    }
-    std::string text() { return textOf(read(Type::text).valueOr({})); }
-    std::vector<std::filesystem::path> files() {
-        std::optional<std::vector<std::filesystem::path>> found;
-        pasteboard().readFiles([&](auto files) { found = std::move(files); });
-        EXPECT_TRUE(rig.waitUntil([&] { return found.has_value(); }));
-        return found.value_or(std::vector<std::filesystem::path>());
-    }
-    /// Has the other program copy, and waits until that has been told.
-    template <class Copy>
-    void expectChange(Copy copy) {
-        const auto before = pasteboard().changeCount();
-        int told = 0;
-        const auto observation = pasteboard().observe([&] { ++told; });
-        copy();
-        ASSERT_TRUE(rig.waitUntil([&] { return told > 0; }));
-        EXPECT_NE(pasteboard().changeCount(), before);
-    }
-    static Bytes noise(std::size_t size) {
-        Bytes bytes(size);
-        std::uint32_t state = 1;
-        for (auto& byte : bytes)
-            byte = static_cast<std::uint8_t>((state = state * 1664525 + 1013904223) >> 24);
-        return bytes;
-    }
-
-    Rig rig;
-};
-
 struct RigNames {
     template <class Rig>
     static std::string GetName(int) {
@@ -153,79 +108,7 @@ struct RigNames {
     }
 };
 using Rigs = testing::Types<FakeRig, X11Rig>;
-TYPED_TEST_SUITE(PasteboardContract, Rigs, RigNames);
-
-TYPED_TEST(PasteboardContract, whatAnotherProgramCopiesIsToldAndRead) {
-    EXPECT_THAT(this->types(), IsEmpty());
-    EXPECT_EQ(this->lackOf(this->read(Type::text)), Lack{});
-    this->expectChange([&] { this->rig.copyElsewhere({{Type::text, bytesOf("é€😀\n")}}); });
-    EXPECT_EQ(this->text(), "é€😀\n");
-    this->expectChange([&] { this->rig.copyElsewhere({{Type::png, {0x89, 'P', 0, 0xFF}}}); });
-    EXPECT_THAT(this->types(), Contains(Type::png));
-    EXPECT_EQ(*this->read(Type::png), (Bytes{0x89, 'P', 0, 0xFF}));
-    this->expectChange([&] { this->rig.copyElsewhere({{"text/html", {'b'}}, {Type::text, {'a'}}}); });
-    EXPECT_THAT(this->types(), testing::IsSupersetOf({std::string("text/html"), std::string(Type::text)}));
-    EXPECT_EQ(this->lackOf(this->read(Type::png)), Lack{});
-}
-
-TYPED_TEST(PasteboardContract, whatIsWrittenIsPastedElsewhereAndCountsAtOnce) {
-    const auto before = this->pasteboard().changeCount();
-    this->pasteboard().write({{Type::text, bytesOf("é€")},
-                              {"text/html", bytesOf("<b>é€</b>")},
-                              {"text/rtf", bytesOf("{\\rtf1}")},
-                              {Type::png, {1, 0, 2}}});
-    const auto after = this->pasteboard().changeCount();
-    EXPECT_NE(after, before);
-    EXPECT_EQ(this->text(), "é€") << "own content";
-    EXPECT_EQ(textOf(this->rig.pasteElsewhere(Type::text).value_or(Bytes())), "é€");
-    EXPECT_EQ(textOf(this->rig.pasteElsewhere("text/html").value_or(Bytes())), "<b>é€</b>");
-    EXPECT_EQ(textOf(this->rig.pasteElsewhere("text/rtf").value_or(Bytes())), "{\\rtf1}");
-    EXPECT_EQ(this->rig.pasteElsewhere(Type::png), (Bytes{1, 0, 2}));
-    this->types();
-    EXPECT_EQ(this->pasteboard().changeCount(), after) << "our own writing is no other program's copy";
-}
-
-TYPED_TEST(PasteboardContract, largeContentsGoBothWays) {
-    const Bytes large = this->noise(3'000'000);
-    this->expectChange([&] { this->rig.copyElsewhere({{Type::png, large}}); });
-    EXPECT_TRUE(*this->read(Type::png) == large);
-    const auto refused = this->read(Type::png, 1'000'000);
-    ASSERT_FALSE(refused);
-    EXPECT_GT(refused.error().tooLong, 1'000'000u);
-    this->pasteboard().write({{Type::png, large}});
-    this->types();  // it is written when this comes back
-    EXPECT_TRUE(this->rig.pasteElsewhere(Type::png) == large);
-}
-
-TYPED_TEST(PasteboardContract, onlyWhatFitsTheLimitIsRead) {
-    this->expectChange([&] { this->rig.copyElsewhere({{Type::text, Bytes(1000, 'a')}}); });
-    EXPECT_TRUE(this->read(Type::text, 1000));
-    EXPECT_EQ(this->lackOf(this->read(Type::text, 999)), Lack{.tooLong = 1000});
-}
-
-TYPED_TEST(PasteboardContract, filesGoBothWaysWhateverTheirNames) {
-    const std::vector<std::filesystem::path> names{"/tmp/a b%20\n#?é.txt", "/tmp/plain"};
-    this->expectChange([&] { this->rig.copyFilesElsewhere(names); });
-    EXPECT_THAT(this->types(), Contains(Type::files));
-    EXPECT_EQ(this->files(), names);
-    this->pasteboard().writeFiles({"/tmp/other"});
-    EXPECT_THAT(this->files(), ElementsAre("/tmp/other"));
-    EXPECT_TRUE(this->rig.pasteElsewhere(Type::files));
-}
-
-TYPED_TEST(PasteboardContract, clearingLeavesNothing) {
-    this->expectChange([&] { this->rig.copyElsewhere({{Type::text, bytesOf("a")}}); });
-    this->pasteboard().clear();
-    this->types();
-    EXPECT_EQ(this->lackOf(this->read(Type::text)), Lack{});
-    EXPECT_FALSE(this->rig.pasteElsewhere(Type::text));
-}
-
-TYPED_TEST(PasteboardContract, aSilentOwnerIsGivenUp) {
-    this->expectChange([&] { this->rig.copyElsewhere({{Type::text, bytesOf("a")}}); });
-    this->rig.fallSilent();
-    EXPECT_THAT(this->types(), IsEmpty());
-}
+INSTANTIATE_TYPED_TEST_SUITE_P(Machine, PasteboardContract, Rigs, RigNames);
 
 // What only X11 has
 

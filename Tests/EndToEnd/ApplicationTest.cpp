@@ -13,8 +13,12 @@ class ApplicationEndToEnd : public EndToEndTest {
 protected:
     void SetUp() override {
         service_ = startRendezvous();
-        person_ =
-            std::make_unique<Person>(Person::Options{.home = homeOf("person"), .windowManager = {"icewm"}});
+        sitDownAt("icewm");  // which has a tray
+    }
+    void sitDownAt(const std::string& windowManager) {
+        person_.reset();
+        person_ = std::make_unique<Person>(
+            Person::Options{.home = homeOf("person"), .windowManager = {windowManager}});
         ASSERT_EQ(person_->error(), "");
     }
     std::unique_ptr<RunningProgram> start() { return person_->start({VELMORA_PROGRAM}, rendezvous); }
@@ -61,6 +65,15 @@ TEST_F(ApplicationEndToEnd, itQuitsFromItsPanel) {
     ASSERT_NO_FATAL_FAILURE(startFirst());
     expectAnswered();
     ASSERT_TRUE(person_->press(*first_, "push button", "Quit Velmora")) << person_->describe(*first_);
+    EXPECT_EQ(first_->end(), 0) << first_->said();
+}
+
+TEST_F(ApplicationEndToEnd, thePanelThatIsAWindowDoesNotKeepItFromQuitting) {
+    ASSERT_NO_FATAL_FAILURE(sitDownAt("openbox"));
+    ASSERT_NO_FATAL_FAILURE(startFirst());
+    expectAnswered();
+    EXPECT_TRUE(person_->sees(*first_, "push button", "Stop Server")) << person_->describe(*first_);
+    first_->signal(SIGTERM);
     EXPECT_EQ(first_->end(), 0) << first_->said();
 }
 

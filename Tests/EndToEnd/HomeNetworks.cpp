@@ -3,9 +3,11 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <optional>
+#include <string_view>
 
 #include "Tests/EndToEnd/Programs.h"
 
@@ -28,7 +30,14 @@ within() { where=$1; shift; nsenter --net="/proc/$where/ns/net" "$@"; }
 for one in $internet $host $viewer $hostRouter $viewerRouter; do within $one ip link set lo up; done
 within $internet ip address add 192.0.2.1/32 dev lo
 cable $internet one 198.51.100.1/30 $hostRouter wan 198.51.100.2/30
-cable $internet two 203.0.113.1/30 $viewerRouter wan 203.0.113.2/30
+if [ "$slow" = true ]; then
+    within $internet ip address add 203.0.113.1/30 dev two
+    within $internet ip link set two up
+    within $viewerRouter ip address add 203.0.113.2/30 dev wan
+    within $viewerRouter ip link set wan up
+else
+    cable $internet two 203.0.113.1/30 $viewerRouter wan 203.0.113.2/30
+fi
 
 within $hostRouter ip link add lan type bridge
 within $hostRouter ip address add 10.1.0.1/24 dev lan
@@ -146,7 +155,21 @@ HomeNetworks::HomeNetworks(Options options) {
             return;
         }
     }
-    error_ = run(fmt::format("oneHome={}\nopenHost={}\n{}", options.oneHome, options.openHost, setup));
+    if (options.viewersLine) {
+        const auto inhabitant = [&](std::string_view name) {
+            const auto found = std::ranges::find(names, name);
+            return namespaces_[static_cast<std::size_t>(found - names.begin())]->pid();
+        };
+        viewersLine_.emplace(SlowCable::End{inhabitant("internet"), "two"},
+                             SlowCable::End{inhabitant("viewerRouter"), "wan"}, *options.viewersLine);
+        if (!viewersLine_->isLaid()) {
+            allowed_ = false;
+            error_ = "no TUN device";
+            return;
+        }
+    }
+    error_ = run(fmt::format("oneHome={}\nopenHost={}\nslow={}\n{}", options.oneHome, options.openHost,
+                             options.viewersLine.has_value(), setup));
 }
 
 std::vector<std::string> HomeNetworks::at(Place place, std::vector<std::string> command) const {

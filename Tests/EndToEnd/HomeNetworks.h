@@ -1,10 +1,13 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "Testing/LinkPipe.h"
 #include "Testing/XServerFixture.h"
+#include "Tests/EndToEnd/SlowCable.h"
 
 namespace velmora {
 
@@ -21,6 +24,7 @@ public:
     struct Options {
         bool oneHome = false;   // the viewer is at the host's, 10.1.0.3
         bool openHost = false;  // the host's router passes on to it whatever comes to its port
+        std::optional<LinkPipe::Direction> viewersLine{};  // what its router has to the internet, each way
     };
     explicit HomeNetworks(Options options);
 
@@ -48,6 +52,7 @@ private:
     std::string run(const std::string& script) const;
 
     std::vector<Namespace> namespaces_;  // in the order of `names`
+    std::optional<SlowCable> viewersLine_;
     bool allowed_ = true;
     std::string error_;
 };

@@ -1,14 +1,18 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <optional>
 
+#include "Testing/XInputWindow.h"
 #include "Tests/EndToEnd/EndToEndTest.h"
 #include "Tests/EndToEnd/HomeNetworks.h"
 
 namespace velmora {
 namespace {
+
+using namespace std::chrono_literals;
 
 /// A host and an agent that find each other by Host ID alone, with routers between them.
 class Paths : public EndToEndTest {
@@ -63,6 +67,12 @@ protected:
             within(20));
     }
 
+    /// A viewer that stays and does what it is told.
+    std::unique_ptr<RunningProgram> watchById() {
+        return launch(Place::viewer,
+                      {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
+                      {.home = homeOf("viewer"), .takesLines = true});
+    }
     static constexpr std::uint32_t green = 0x00FF00;
     /// What the viewer shows.
     bool isGreen(RunningProgram& viewer) const {
@@ -92,12 +102,29 @@ TEST_F(Paths, betweenTwoHomesBothRoutersAreOpened) {
     EXPECT_TRUE(isConnectedVia("Direct")) << agent->said();
 }
 
+TEST_F(Paths, alongADistantLineThatLosesPacketsPictureAndClickArrive) {
+    ASSERT_NO_FATAL_FAILURE(begin({.viewersLine = LinkPipe::Direction{.delay = 20ms, .loss = 0.02}}));
+    if (IsSkipped()) return;
+    const auto viewer = watchById();
+    ASSERT_TRUE(does(*viewer, "wait 0")) << viewer->said();
+    screen().fill(display(), green);
+    EXPECT_TRUE(eventually([&] { return isGreen(*viewer); }, within(20))) << viewer->said();
+
+    XInputWindow window(server().display());
+    ASSERT_TRUE(window.ok());
+    EXPECT_TRUE(does(*viewer, "click 640 401"));
+    const auto isClicked = [](const auto& events) {
+        return std::ranges::any_of(events, [](const auto& event) {
+            return event.kind == XInputWindow::Event::Kind::buttonUp && event.x == 640 && event.y == 401;
+        });
+    };
+    EXPECT_TRUE(window.waitUntil(isClicked));
+}
+
 TEST_F(Paths, goesOnWhenTheViewersRouterTakesAnotherPort) {
     ASSERT_NO_FATAL_FAILURE(begin({.openHost = true}));
     if (IsSkipped()) return;
-    const auto viewer =
-        launch(Place::viewer, {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
-               {.home = homeOf("viewer"), .takesLines = true});
+    const auto viewer = watchById();
     ASSERT_TRUE(does(*viewer, "wait 0"));
     EXPECT_TRUE(viewer->says("QUIC connected via Direct"));
     homes->moveViewersPorts();
@@ -111,9 +138,7 @@ TEST_F(Paths, goesOnWhenTheViewersRouterTakesAnotherPort) {
 TEST_F(Paths, aHostsRouterThatTakesTheNewPortForAStrangersIsOpenedOnceMore) {
     ASSERT_NO_FATAL_FAILURE(begin());
     if (IsSkipped()) return;
-    const auto viewer =
-        launch(Place::viewer, {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
-               {.home = homeOf("viewer"), .takesLines = true});
+    const auto viewer = watchById();
     ASSERT_TRUE(does(*viewer, "wait 0"));
     homes->forgetViewersPorts();
     ASSERT_EQ(homes->error(), "");
@@ -127,9 +152,7 @@ TEST_F(Paths, theRelayGoesOnWhenTheViewersRouterTakesAnotherPort) {
     ASSERT_NO_FATAL_FAILURE(begin());
     if (IsSkipped()) return;
     homes->blockDirectPaths();
-    const auto viewer =
-        launch(Place::viewer, {LOOK_PROGRAM, hostId(), "--password", password, "--script", "-", "--log"},
-               {.home = homeOf("viewer"), .takesLines = true});
+    const auto viewer = watchById();
     ASSERT_TRUE(does(*viewer, "wait 0"));
     EXPECT_TRUE(viewer->says("QUIC connected via Relay"));
     homes->forgetViewersPorts();

@@ -63,7 +63,7 @@ RunningProgram::RunningProgram(const std::vector<std::string>& command, const Pl
         "QT_WAYLAND_DISABLE_WINDOWDECORATION=1",
         "DESKTOP_AUTOSTART_ID=test",  // without a tray no window opens by itself
         "XAUTHORITY",
-        place.wayland ? "XDG_SESSION_TYPE=wayland" : "XDG_SESSION_TYPE=x11",
+        place.wayland ? "XDG_SESSION_TYPE" : "XDG_SESSION_TYPE=x11",
         place.wayland ? "WAYLAND_DISPLAY=" + *place.wayland : "WAYLAND_DISPLAY",
         place.display ? "DISPLAY=" + *place.display : "DISPLAY"};
     environment.insert(environment.end(), place.environment.begin(), place.environment.end());

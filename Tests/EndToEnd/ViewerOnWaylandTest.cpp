@@ -62,6 +62,7 @@ protected:
 
 TEST_F(ViewerOnWayland, theDesktopLendsItsShortcutsWhileTheKeysAreTheHosts) {
     ASSERT_NO_FATAL_FAILURE(openWindow());
+    EXPECT_TRUE(desktop_->pixelAt(799, 599) && !desktop_->pixelAt(800, 0)) << "as large as it was told to be";
     EXPECT_TRUE(hasShortcuts(1)) << viewer_->said();
     EXPECT_TRUE(viewer_->says("Keyboard capture on")) << viewer_->said();
     desktop_->key(KEY_A, true);
@@ -80,6 +81,21 @@ TEST_F(ViewerOnWayland, theDesktopLendsItsShortcutsWhileTheKeysAreTheHosts) {
     for (const auto key : {KEY_ESC, KEY_LEFTSHIFT, KEY_LEFTALT, KEY_LEFTCTRL}) desktop_->key(key, false);
     EXPECT_FALSE(hostWindow_->isAnythingDown());
     EXPECT_TRUE(viewer_->isRunning());
+}
+
+TEST_F(ViewerOnWayland, whatIsCopiedAtOneEndIsPastedAtTheOther) {
+    ASSERT_NO_FATAL_FAILURE(openWindow());
+    constexpr const char* text = "text/plain;charset=utf-8";
+    const auto copied = startOnScreen({"sh", "-c", "printf here | xclip -selection clipboard"});
+    EXPECT_TRUE(eventually([&] { return desktop_->paste(text) == "here"; }, within(20))) << viewer_->said();
+    desktop_->copy({{text, "there"}});
+    EXPECT_TRUE(eventually(
+        [&] {
+            const auto pasted = startOnScreen({"xclip", "-selection", "clipboard", "-o"});
+            return pasted->end(within(20)) == 0 && pasted->said() == "there";
+        },
+        within(20)))
+        << viewer_->said();
 }
 
 TEST_F(ViewerOnWayland, aDesktopThatKeepsItsShortcutsIsToldOf) {

@@ -40,6 +40,8 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
         std::cerr << "velmora-view: there is no screen here: neither DISPLAY nor WAYLAND_DISPLAY is set\n";
         return 1;
     }
+    if (!qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "wayland");  // by itself it would go by the name of the session
     QuitSignals quitSignals;
     int argc = 1;
     char program[] = "velmora-view";
@@ -52,7 +54,7 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
     introduceApplication();
     Appearance::apply(ThemePreferences::saved(shared.preferences));
 
-    DebugLogWindow diary({DebugLog::shared(), main, shared.preferences, shared.pasteboard});
+    DebugLogWindow diary({DebugLog::shared(), main, shared.preferences, *shared.pasteboard});
     AboutWindow about;
     const MainMenu::Application menu{
         .about = [&about] { about.present(); },

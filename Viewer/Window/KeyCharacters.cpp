@@ -1,6 +1,7 @@
 #include "Viewer/Window/KeyCharacters.h"
 
 #include <QString>
+#include <QTextBoundaryFinder>
 #include <algorithm>
 #include <iterator>
 
@@ -43,14 +44,14 @@ constexpr CaretKey caretKeys[] = {
 constexpr int firstSpecialKey = 0x01000000;  // below it Qt's keys are characters
 constexpr quint32 lockMask = 2;              // of X11's modifier state, which other platforms repeat
 
+bool isTypeable(uint scalar) {
+    return scalar >= 0x20 && !(scalar >= 0x7F && scalar < 0xA0) && !(scalar >= 0xF700 && scalar <= 0xF8FF);
+}
+
 /// The one character of `text` that a key may stand for.
 QString typeable(const QString& text) {
     const auto scalars = text.toUcs4();
-    if (scalars.size() != 1) return {};
-    const uint scalar = scalars[0];
-    if (scalar < 0x20 || (scalar >= 0x7F && scalar < 0xA0) || (scalar >= 0xF700 && scalar <= 0xF8FF))
-        return {};
-    return text;
+    return scalars.size() == 1 && isTypeable(scalars[0]) ? text : QString();
 }
 
 QString charactersOf(const QKeyEvent& event) {
@@ -125,6 +126,17 @@ bool KeyCharacters::isModifier(int key) {
         default:
             return false;
     }
+}
+
+std::vector<std::string> KeyCharacters::typeableIn(const QString& text) {
+    std::vector<std::string> found;
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    for (qsizetype start = 0, end; (end = finder.toNextBoundary()) != -1; start = end) {
+        const QString character = text.mid(start, end - start);
+        const auto scalars = character.toUcs4();
+        if (std::ranges::all_of(scalars, isTypeable)) found.push_back(character.toStdString());
+    }
+    return found;
 }
 
 KeyCharacters::Press KeyCharacters::take(const QKeyEvent& event) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "VelmoraKit/Wire/KeyCodes.h"
 
@@ -30,6 +31,8 @@ public:
     Press take(const QKeyEvent& event);
     /// Whether `key` (Qt's) only changes what others do.
     static bool isModifier(int key);
+    /// What can be typed of `text`, one after the other as a person sees them.
+    static std::vector<std::string> typeableIn(const QString& text);
     /// A dead key that waits is forgotten.
     void reset() { pending_ = 0; }
 

@@ -2,6 +2,7 @@
 
 #include <QBackingStore>
 #include <QGuiApplication>
+#include <QInputMethodEvent>
 #include <QMouseEvent>
 #include <QPaintEvent>
 #include <QPainter>
@@ -26,6 +27,14 @@ constexpr double pixelsPerNotch = 53, anglePerNotch = 120;
 constexpr double flashOpacity = 0.6;
 constexpr int flashMilliseconds = 350;
 
+/// Whether Qt's input method knows no more than dead keys and the Compose key. One that does more would take
+/// keys which are meant for the host, where another one may wait for them.
+bool desktopOnlyComposes() {
+    const QByteArray chosen = qgetenv("QT_IM_MODULE");
+    return QGuiApplication::platformName() == QLatin1String("xcb") &&
+           (chosen.isEmpty() || chosen == "compose");
+}
+
 /// None for a button that hosts do not know: they would take a mouse's "back" for its middle button.
 std::optional<std::int64_t> buttonOf(Qt::MouseButton button) {
     switch (button) {
@@ -47,7 +56,7 @@ VideoView::VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceSt
     : QWidget(parent), painter_(std::move(painter)), preferences_(preferences) {
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAttribute(Qt::WA_NoSystemBackground);
-    setAttribute(Qt::WA_InputMethodEnabled, false);  // keys go as they are
+    setAttribute(Qt::WA_InputMethodEnabled, false);
     setMouseTracking(true);
     setFocusPolicy(Qt::StrongFocus);
     setAccessibleName(QStringLiteral("Screen of the other Mac"));
@@ -307,6 +316,21 @@ void VideoView::forwardKey(const QKeyEvent& event) {
     } else if (press.characters) {
         input_.type(*press.characters, flags);
     }
+}
+
+void VideoView::setKeysGoToHost(bool go) {
+    const bool composes = go && desktopOnlyComposes() && KeyboardPreferences::matchCharacters(preferences_);
+    if (testAttribute(Qt::WA_InputMethodEnabled) == composes) return;
+    setAttribute(Qt::WA_InputMethodEnabled, composes);
+    characters_.reset();
+}
+
+void VideoView::inputMethodEvent(QInputMethodEvent* event) {
+    event->accept();
+    const QString text = event->commitString();
+    if (text.isEmpty() || !testAttribute(Qt::WA_InputMethodEnabled)) return;
+    characters_.reset();
+    for (const std::string& character : KeyCharacters::typeableIn(text)) input_.type(character, 0);
 }
 
 bool VideoView::isHeldRemotely(const QKeyEvent& event) const {

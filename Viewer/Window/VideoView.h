@@ -47,6 +47,9 @@ public:
     /// Sends a key press or release to the host. A release that the server made up for a repeat is not one.
     void forwardKey(const QKeyEvent& event);
     bool isHeldRemotely(const QKeyEvent& event) const;
+    /// Whether keys are the host's now. Then, if characters are to match, the desktop composes them: text of
+    /// several keys (a Compose key's) is typed there when it is complete.
+    void setKeysGoToHost(bool go);
     ViewerInput& input() { return input_; }
     /// No key stays down at the host.
     void releaseKeys();
@@ -63,6 +66,7 @@ protected:
     void wheelEvent(QWheelEvent* event) override;
     void enterEvent(QEnterEvent* event) override;
     void leaveEvent(QEvent* event) override;
+    void inputMethodEvent(QInputMethodEvent* event) override;
 
 private:
     double pixelRatio() const { return devicePixelRatioF(); }

@@ -1,6 +1,7 @@
 #include "Viewer/Window/VideoView.h"
 
 #include <QBackingStore>
+#include <QInputMethodEvent>
 #include <QMouseEvent>
 #include <QWheelEvent>
 #include <vector>
@@ -126,6 +127,26 @@ TEST_F(VideoViewTest, repeatsAreForwardedAndTheirReleasesAreNot) {
     preferences.set(PreferenceKeys::keyboardMatchCharacters, false);
     key(QEvent::KeyPress, Qt::Key_X, "x", 45);
     EXPECT_EQ(taken().front().characters, std::nullopt);
+}
+
+TEST_F(VideoViewTest, composedTextIsTypedCharacterByCharacterWhileKeysAreTheHosts) {
+    const auto commit = [this](const QString& text) {
+        QInputMethodEvent event;
+        event.setCommitString(text);
+        QCoreApplication::sendEvent(view.get(), &event);
+    };
+    commit("é");
+    EXPECT_TRUE(taken().empty());
+    view->setAttribute(Qt::WA_InputMethodEnabled);  // as it is on a desktop that only composes
+    key(QEvent::KeyPress, Qt::Key_Dead_Acute, "", 40);
+    commit(QStringLiteral("é\n😀"));
+    const auto events = taken();
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[0].characters, "é");
+    EXPECT_TRUE(events[0].down && !events[1].down);
+    EXPECT_EQ(events[2].characters, "😀");
+    key(QEvent::KeyPress, Qt::Key_O, "o", 24);
+    EXPECT_EQ(taken().at(0).characters, "o");
 }
 
 TEST_F(VideoViewTest, leavingThePictureLetsKeysGoUnlessTheWindowTakesThem) {

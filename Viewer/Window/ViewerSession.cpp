@@ -100,7 +100,8 @@ void ViewerSession::start() {
     });
     preferenceObservation_ = preferences_.observe(main_, [this](const std::string& key) {
         if (key == PreferenceKeys::showStatsOverlay) updateStatsOverlay();
-        if (key == PreferenceKeys::keyboardSendKeys) updateKeyboardCapture();
+        if (key == PreferenceKeys::keyboardSendKeys || key == PreferenceKeys::keyboardMatchCharacters)
+            updateKeyboardCapture();
     });
 
     std::optional<DisplayRequest> request;
@@ -211,7 +212,7 @@ void ViewerSession::startClipboard() {
 
 /// A display of a shape of its own: the window takes that shape.
 void ViewerSession::fitWindowTo(PixelSize size) {
-    if (size.width <= 0 || size.height <= 0 || window_.isMaximized()) return;
+    if (size.width <= 0 || size.height <= 0 || window_.isMaximized() || window_.isSizedByDesktop()) return;
     const QSizeF room = window_.roomForContent();
     const double fit = std::min(room.width() / size.width, room.height() / size.height);
     window_.setContentSize({static_cast<int>(size.width * fit), static_cast<int>(size.height * fit)});
@@ -332,7 +333,9 @@ void ViewerSession::updateKeyboardCapture() {
     }
     // A menu takes the keyboard for itself; a person who wanted out still does when it closes.
     const bool menuHasKeys = window_.isMenuOpen() && !keyboard_.isSuspended();
-    keyboard_.setActive(streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys);
+    const bool keysGo = streaming_ && !closed_ && isKey && keysGoToRemote() && !menuHasKeys;
+    view.setKeysGoToHost(keysGo);
+    keyboard_.setActive(keysGo);
 }
 
 void ViewerSession::menuChanged() {

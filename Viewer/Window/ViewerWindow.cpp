@@ -47,6 +47,12 @@ ViewerWindow::ViewerWindow(std::unique_ptr<PicturePainter> painter, const Prefer
 
 void ViewerWindow::setContentSize(QSize size) {
     resize(size.width(), size.height() + barsHeight());
+    asked_ = this->size();
+}
+
+bool ViewerWindow::isSizedByDesktop() const {
+    // An X11 window manager that tiles ignores what we ask for; Wayland leaves it to us to obey.
+    return QGuiApplication::platformName().startsWith(QLatin1String("wayland")) && size() != asked_;
 }
 
 QSize ViewerWindow::mostContent() const {

@@ -53,7 +53,9 @@ public:
 
     /// Of the picture's part, in points.
     void setContentSize(QSize size);
-    /// The same for one that is shown: moved if it would leave the screen.
+    /// Whether that was overruled: by a desktop that tiles its windows, or by the person.
+    bool isSizedByDesktop() const;
+    /// Like `setContentSize`, for one that is shown: moved if it would leave the screen.
     void changeContentSize(QSize size);
     /// That fits on its screen, with what is around it.
     QSize mostContent() const;
@@ -90,6 +92,7 @@ private:
     ConnectingOverlay* connecting_;
     StatsOverlayView* stats_;
     CaptureToast* toast_;
+    QSize asked_;
     QTimer reveal_;  // while the pointer rests at the top edge
     QMenuBar* menuBar_ = nullptr;
     QList<QMenu*> menus_;

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Linux/Clipboard/ClipboardForms.h"
 #include "Platform/Linux/Clipboard/PictureForms.h"
 #include "Platform/Linux/Clipboard/UriList.h"
 #include "Platform/Linux/Display/XEventWaiter.h"
@@ -21,27 +22,12 @@ namespace velmora {
 
 namespace {
 
-constexpr const char* passwordHint = "x-kde-passwordManagerHint";
-constexpr const char* copiedFiles = "x-special/gnome-copied-files";
+using namespace ClipboardForms;
+
 constexpr std::size_t longestList = 4 << 20;  // of targets, or of files
 
 /// The names that plain text goes by, the best first. The last one is ISO 8859-1, the others are UTF-8.
 const std::vector<std::string> textTargets{"UTF8_STRING", Pasteboard::Type::text, "text/plain", "STRING"};
-
-/// The forms that pictures come in, the best first.
-const std::vector<std::string> pictureTargets{Pasteboard::Type::png, "image/tiff", "image/bmp", "image/jpeg"};
-
-bool contains(const std::vector<std::string>& names, const std::string& name) {
-    return std::ranges::find(names, name) != names.end();
-}
-
-/// The names in the list that stand for another one which is not there add that one.
-void addIfOffered(std::vector<std::string>& types, const std::string& type,
-                  const std::vector<std::string>& standIns) {
-    const bool isOffered =
-        std::ranges::any_of(standIns, [&](const auto& name) { return contains(types, name); });
-    if (isOffered && !contains(types, type)) types.push_back(type);
-}
 
 Bytes fromLatin1(ByteView text) {
     Bytes utf8;
@@ -115,7 +101,7 @@ public:
             std::memcpy(targets.data(), outcome->data(), targets.size() * sizeof(xcb_atom_t));
             auto types = atoms_->namesOf(targets);
             addIfOffered(types, Type::files, {copiedFiles});
-            addIfOffered(types, Type::png, pictureTargets);
+            addIfOffered(types, Type::png, pictures);
             if (!contains(types, passwordHint)) return done(std::move(types));
             tellHint(std::move(types), std::move(done));
         });
@@ -169,7 +155,7 @@ private:
     /// What the names of other forms stand for.
     static Result<Bytes, Lack> translated(const std::string& target, Bytes data) {
         if (target == textTargets.back()) return fromLatin1(data);
-        if (target == Type::png || !contains(pictureTargets, target)) return data;
+        if (target == Type::png || !contains(pictures, target)) return data;
         auto png = pngOf(data);
         return png ? Result<Bytes, Lack>(*std::move(png)) : Lack{};
     }
@@ -180,12 +166,10 @@ private:
         return atoms_->namesOf(targets);
     }
 
-    /// Whoever sets the hint and does not say what it is keeps a secret too.
     void tellHint(std::vector<std::string> types, UniqueFunction<void(std::vector<std::string>)> done) {
         readTarget(passwordHint, 256,
                    [types = std::move(types), done = std::move(done)](auto outcome) mutable {
-                       if (!outcome || textOf(*outcome).starts_with("secret"))
-                           types.push_back(Type::concealed);
+                       if (isSecret(outcome)) types.push_back(Type::concealed);
                        done(std::move(types));
                    });
     }
@@ -358,7 +342,7 @@ void X11Pasteboard::readTypes(Types done) {
 }
 
 void X11Pasteboard::read(const std::string& type, std::size_t most, Reading done) {
-    auto targets = type == Type::text ? textTargets : type == Type::png ? pictureTargets : std::vector{type};
+    auto targets = type == Type::text ? textTargets : type == Type::png ? pictures : std::vector{type};
     client().perform(
         [targets = std::move(targets), most, done = onMain(std::move(done))](Client* client) mutable {
             client ? client->readFirst(std::move(targets), most, std::move(done)) : done(Lack{});
@@ -385,14 +369,7 @@ void X11Pasteboard::write(std::vector<PasteboardItem> items) {
 }
 
 void X11Pasteboard::writeFiles(const std::vector<std::filesystem::path>& files) {
-    std::string list, copied = "copy", paths;
-    for (const auto& file : files) {
-        const std::string uri = fileUri(file);
-        list += uri + "\r\n";
-        copied += "\n" + uri;
-        paths += (paths.empty() ? "" : "\n") + file.string();
-    }
-    write({{Type::files, bytesOf(list)}, {copiedFiles, bytesOf(copied)}, {Type::text, bytesOf(paths)}});
+    write(ofFiles(files));
 }
 
 }  // namespace velmora
