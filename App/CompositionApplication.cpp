@@ -205,10 +205,7 @@ std::unique_ptr<QCoreApplication> makeQt(int& argc, char** argv) {
 class Screen {
 public:
     explicit Screen(SharedServices& shared)
-        : shared_(shared), viewer_(shared), tray_(windowKind()), statusItem_(tray_), alerts_(shared.main) {
-        if (windowKind() == LinuxTrayPresence::Windows::x11)
-            panelDesktop_ = std::make_unique<X11PanelDesktop>();
-    }
+        : shared_(shared), viewer_(shared), tray_(windowKind()), statusItem_(tray_), alerts_(shared.main) {}
 
     Alerts& alerts() { return alerts_; }
     std::unique_ptr<Windows> makeWindows(const Windows::Contents& contents) {
@@ -218,7 +215,7 @@ public:
         const bool isAskedFor = !qEnvironmentVariableIsSet("DESKTOP_AUTOSTART_ID");
         MenuPanelController::Parameters panel;
         if (!isAskedFor) panel.trayPatience.reset();
-        panel.desktop = panelDesktop_.get();
+        if (windowKind() == LinuxTrayPresence::Windows::x11) panel.desktop = &desktop_.emplace();
         return std::make_unique<QtWindows>(
             contents, QtWindows::Services{.main = shared_.main,
                                           .preferences = shared_.preferences,
@@ -243,7 +240,7 @@ private:
     ViewerServices viewer_;
     LinuxTrayPresence tray_;
     TrayStatusItem statusItem_;
-    std::unique_ptr<X11PanelDesktop> panelDesktop_;  // none on Wayland
+    std::optional<X11PanelDesktop> desktop_;  // none on Wayland
     QtAlerts alerts_;
 };
 
