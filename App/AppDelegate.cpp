@@ -157,6 +157,7 @@ void AppDelegate::wireMenu() {
     actions.stopServer = closing([this] { stopServer(); });
     actions.disconnectViewer = [this] { server_.disconnect(); };
     actions.newPassword = [this] {
+        if (!canChangePassword()) return;
         identity_.newPassword();  // which publishes it
         hostLog("New password set; the old one no longer works");
     };
@@ -192,7 +193,18 @@ void AppDelegate::openHelp() {
     });
 }
 
+/// Else says why.
+bool AppDelegate::canChangePassword() {
+    if (!identity_.isReady()) {
+        services_.alerts.show({.title = "This Mac's password can't be changed yet",
+                               .text = "The keychain that holds it is locked or doesn't answer. Unlock it, "
+                                       "then try again."});
+    }
+    return identity_.isReady();
+}
+
 void AppDelegate::openChangePassword() {
+    if (!canChangePassword()) return;
     windows_->openChangePassword(identity_.password(),
                                  [this](const std::string& password) { changePassword(password); });
 }
@@ -208,7 +220,8 @@ void AppDelegate::changePassword(const std::string& password) {
 void AppDelegate::openAddDevice(const std::string& name, const std::string& hostID) {
     windows_->openAddDevice(name, hostID, [this](const Windows::NewDevice& entry) {
         const auto device = devices_.add(entry.name, entry.hostID, entry.password);
-        if (device && entry.connect) openViewer(*device);
+        // What was just entered counts, also if the credential store does not take it.
+        if (device && entry.connect && !isQuitting_) showViewer(*device, entry.password);
     });
 }
 

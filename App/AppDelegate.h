@@ -102,6 +102,7 @@ private:
     static Remedy remedyFor(ConnectionError::Kind kind, const Device& device);
 
     void openAddDevice(const std::string& name, const std::string& hostID);
+    bool canChangePassword();
     void openChangePassword();
     void changePassword(const std::string& password);
     void openSettings();

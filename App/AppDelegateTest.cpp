@@ -268,6 +268,12 @@ TEST_F(AppDelegateTest, nobodyIsLetInBeforeThePasswordCanBeRead) {
     delegate.reset();
     secrets.setLocked(true);
     start();
+    menu().newPassword();
+    menu().changePassword();
+    settle();
+    EXPECT_THAT(events(), Not(Contains(StartsWith("change password"))));
+    ASSERT_EQ(alerts.shown.size(), 2u);
+    EXPECT_EQ(alerts.shown[1].title, "This Mac's password can't be changed yet");
     menu().stopServer();
     secrets.setLocked(false);
     time.advanceBy(10s);
@@ -358,7 +364,7 @@ TEST_F(AppDelegateTest, aFoundMacWithAHostIdIsAskedForOnce) {
     settle();
     EXPECT_THAT(events(), ElementsAre("panel hidden", "add device [Den] [987654321]"));
     EXPECT_THAT(windows->viewers, IsEmpty());
-    windows->confirm({.name = "My den", .hostID = "987 654 321", .password = "123 123", .connect = true});
+    windows->confirm({.name = "My den", .hostID = "987654321", .password = "123123", .connect = true});
     settle();
     ASSERT_EQ(windows->viewers.size(), 1u);
     EXPECT_EQ(viewer().options.name, "My den");
@@ -452,6 +458,20 @@ TEST_F(AppDelegateTest, anotherPasswordTakesTheWrongOnesPlace) {
     menu().removeDevice(*device("Den"));
     settle();
     EXPECT_FALSE(device("Den"));
+}
+
+TEST_F(AppDelegateTest, aPasswordThatCannotBeSavedStillOpensTheWindowItWasEnteredFor) {
+    start();
+    add({.name = "Den", .hostID = "987654321", .password = "123123"});
+    secrets.setLocked(true);
+    menu().connect(*device("Den"));
+    settle();
+    EXPECT_EQ(viewer().options.password, std::nullopt);
+    end(ConnectionError::noSavedPassword("Den"));
+    alerts.choose(0);
+    windows->confirm({.name = "Den", .hostID = "987654321", .password = "123123", .connect = true});
+    settle();
+    EXPECT_EQ(viewer().options.password, "123123");
 }
 
 TEST_F(AppDelegateTest, thePanelAsksWhoIsOnlineWheneverItOpens) {

@@ -39,9 +39,9 @@ public:
     };
     /// A device as somebody entered it.
     struct NewDevice {
-        std::string name;  // may be empty
-        std::string hostID;
-        std::string password;
+        std::string name;      // may be empty
+        std::string hostID;    // nine digits
+        std::string password;  // six digits
         bool connect = false;
     };
     enum class Focus { taken, left };
