@@ -45,7 +45,7 @@ public:
         add<&Desktop::bindClipboard>(&wl_data_device_manager_interface, 3);
         if (options.lendsShortcuts)
             add<&Desktop::bindShortcuts>(&zwp_keyboard_shortcuts_inhibit_manager_v1_interface, 1);
-        wl_event_loop_add_fd(
+        actionsDue_ = wl_event_loop_add_fd(
             wl_display_get_event_loop(display_), wake_, WL_EVENT_READABLE,
             [](int, std::uint32_t, void* self) { return static_cast<Desktop*>(self)->runActions(); }, this);
         thread_ = std::thread([this] { wl_display_run(display_); });
@@ -55,6 +55,7 @@ public:
         thread_.join();
         for (std::thread& giver : givers_) giver.join();
         for (const int end : unanswered_) close(end);
+        wl_event_source_remove(actionsDue_);
         wl_display_destroy_clients(display_);
         wl_display_destroy(display_);
         close(wake_);
@@ -490,6 +491,7 @@ private:
     std::vector<int> unanswered_;
     std::list<std::thread> givers_;
 
+    wl_event_source* actionsDue_ = nullptr;
     const int wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::mutex mutex_;
     std::vector<std::function<void()>> actions_;  // guarded by mutex_

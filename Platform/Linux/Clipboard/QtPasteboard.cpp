@@ -2,7 +2,6 @@
 
 #include <QClipboard>
 #include <QGuiApplication>
-#include <QMimeData>
 #include <algorithm>
 #include <utility>
 
@@ -43,6 +42,15 @@ QtPasteboard::QtPasteboard(Queue& main) : main_(main) {
 
 QtPasteboard::~QtPasteboard() {
     QObject::disconnect(watch_);
+    if (offered_) offer(nullptr);
+}
+
+void QtPasteboard::offer(std::unique_ptr<QMimeData> data) {
+    QClipboard* const clipboard = QGuiApplication::clipboard();
+    const QPointer<QMimeData> before = std::exchange(offered_, data.get());
+    // Another program's content, which came later, stays.
+    if (data || clipboard->ownsClipboard()) clipboard->setMimeData(data.release());
+    delete before.data();  // Qt 6.4 forgets to do so on Wayland
 }
 
 void QtPasteboard::handleChange() {
@@ -98,10 +106,12 @@ void QtPasteboard::readFiles(Files done) {
 }
 
 void QtPasteboard::write(std::vector<PasteboardItem> items) {
-    QClipboard* const clipboard = QGuiApplication::clipboard();
     ++count_;
     main_.post(alive_.guard([this] { tellObservers(); }));
-    if (items.empty()) return clipboard->clear();
+    if (items.empty()) {
+        QGuiApplication::clipboard()->clear();
+        return offer(nullptr);
+    }
     auto data = std::make_unique<QMimeData>();
     for (const PasteboardItem& item : items) {
         const QByteArray bytes(reinterpret_cast<const char*>(item.data.data()),
@@ -109,7 +119,7 @@ void QtPasteboard::write(std::vector<PasteboardItem> items) {
         data->setData(nameOf(item.type), bytes);
         if (item.type == Type::text) data->setData(QStringLiteral("text/plain"), bytes);
     }
-    clipboard->setMimeData(data.release());
+    offer(std::move(data));
 }
 
 void QtPasteboard::writeFiles(const std::vector<std::filesystem::path>& files) {

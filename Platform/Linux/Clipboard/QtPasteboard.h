@@ -1,11 +1,12 @@
 #pragma once
 
 #include <QMetaObject>
+#include <QMimeData>
+#include <QPointer>
+#include <memory>
 
 #include "Platform/Pasteboard.h"
 #include "VelmoraKit/Core/Queue.h"
-
-class QMimeData;
 
 namespace velmora {
 
@@ -20,6 +21,7 @@ class QtPasteboard final : public Pasteboard {
 public:
     /// `main` outlives the pasteboard, and is the queue of the application's thread.
     explicit QtPasteboard(Queue& main);
+    /// What was written is gone, as it is on Wayland when a program ends.
     ~QtPasteboard() override;
     QtPasteboard(const QtPasteboard&) = delete;
     QtPasteboard& operator=(const QtPasteboard&) = delete;
@@ -33,12 +35,15 @@ public:
 
 private:
     void handleChange();
+    /// None: the clipboard is empty.
+    void offer(std::unique_ptr<QMimeData> data);
     /// The first of the targets that is offered, as it comes.
     static Result<Bytes, Lack> readFirst(const std::vector<std::string>& targets, std::size_t most);
 
     Queue& main_;
     std::int64_t count_ = 0;
     QMetaObject::Connection watch_;
+    QPointer<QMimeData> offered_;  // by us
     Liveness alive_;
 };
 
