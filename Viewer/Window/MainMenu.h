@@ -16,7 +16,8 @@ class ViewerSession;
 ///
 /// Its keys are the host's first. While keys go to the host (the pointer is over the picture, or the settings
 /// say always), Ctrl+W and all the others travel and do nothing here. They act here while keys stay here, and
-/// after Ctrl+Alt+Shift+Escape until the picture is clicked; then the keys that are in no menu still travel.
+/// after Ctrl+Alt+Shift+Escape until the picture is clicked or the pointer comes back to it; meanwhile the
+/// keys that are in no menu still travel.
 class MainMenu final : public QMenuBar {
 public:
     /// What belongs to the program rather than to the window. An item whose function is not set is not there.

@@ -83,10 +83,9 @@ QSizeF ViewerWindow::roomForContent() const {
 
 void ViewerWindow::centre() {
     const QRect frame = visibleFrame();
-    const QSize outer = isVisible() ? frameGeometry().size() : size();
-    // What the window manager puts around it does not count while it is not known.
-    move(frame.x() + std::max(0, (frame.width() - std::max(outer.width(), width())) / 2),
-         frame.y() + std::max(0, (frame.height() - std::max(outer.height(), height())) / 2));
+    const QSize outer = isVisible() ? frameGeometry().size() : size() + usualFrame.toSize();
+    move(frame.x() + std::max(0, (frame.width() - outer.width()) / 2),
+         frame.y() + std::max(0, (frame.height() - outer.height()) / 2));
 }
 
 void ViewerWindow::toggleFullScreen() {
