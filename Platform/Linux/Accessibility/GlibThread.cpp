@@ -12,6 +12,9 @@ GlibThread::GlibThread(const char* name)
           pthread_setname_np(pthread_self(), name);
           g_main_context_push_thread_default(context_);
           g_main_loop_run(loop_);
+          // What was cancelled completes, and lets go of what it holds.
+          while (g_main_context_iteration(context_, FALSE)) {
+          }
           g_main_context_pop_thread_default(context_);
       }) {}
 
