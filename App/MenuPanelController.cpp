@@ -55,12 +55,14 @@ public:
     Form form() const { return form_; }
     bool isSeen() const { return isVisible() && !isMinimized(); }
 
-    void openAt(const QRect& anchor, PanelDesktop* desktop) {
+    /// At `item`, or at the pointer.
+    void openAt(const std::optional<QRect>& item, PanelDesktop* desktop) {
         take(Form::panel);
         if (desktop) desktop->keepOutOfTaskBar(winId());
+        const QRect anchor = item.value_or(QRect(QCursor::pos(), QSize(1, 1)));
         const QScreen* screen = screenOf(anchor);
         const QRect visible = screen ? screen->availableGeometry() : QRect();
-        const QSize size = fittingSize(tallestPanel(anchor, visible));
+        const QSize size = fittingSize(item ? tallestPanel(anchor, visible) : tallestPanel(visible));
         setGeometry(panelFrame(anchor, size, visible));
         present();
     }
@@ -205,7 +207,7 @@ void MenuPanelController::show() {
 }
 
 void MenuPanelController::openAtItem() {
-    panel_->openAt(statusItem_.place().value_or(QRect(QCursor::pos(), QSize(1, 1))), parameters_.desktop);
+    panel_->openAt(statusItem_.place(), parameters_.desktop);
     if (parameters_.desktop) parameters_.desktop->startWatching();
     statusItem_.setHighlighted(true);
     if (const auto tell = onShow) tell();

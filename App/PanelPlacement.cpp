@@ -29,12 +29,18 @@ QRect panelFrame(const QRect& anchor, const QSize& size, const QRect& visible) {
     x = std::max(x, visible.x() + edgeGap);
     x = std::min(x, visible.x() + visible.width() - size.width() - edgeGap);
     const Room room = roomAt(anchor, visible);
-    return {QPoint(x, room.isBelow ? room.top : room.bottom - size.height()), size};
+    const int y = room.isBelow ? std::max(std::min(room.top, room.bottom - size.height()), visible.y())
+                               : std::max(room.bottom - size.height(), visible.y() + edgeGap);
+    return {QPoint(x, y), size};
 }
 
 int tallestPanel(const QRect& anchor, const QRect& visible) {
     const Room room = roomAt(anchor, visible);
     return std::max(room.bottom - room.top, 0);
+}
+
+int tallestPanel(const QRect& visible) {
+    return std::max(visible.height() - 2 * edgeGap, 0);
 }
 
 }  // namespace velmora

@@ -9,7 +9,9 @@ namespace velmora {
 /// panels leave of the screen. In points.
 QRect panelFrame(const QRect& anchor, const QSize& size, const QRect& visible);
 
-/// The height that such a panel may have.
+/// The height that such a panel may have and leave the anchor to be seen.
 int tallestPanel(const QRect& anchor, const QRect& visible);
+/// The same for a panel that may lie over its anchor.
+int tallestPanel(const QRect& visible);
 
 }  // namespace velmora

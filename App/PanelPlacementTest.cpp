@@ -44,5 +44,13 @@ TEST(PanelPlacementTest, isNeverTallerThanTheRoomOnItsSide) {
     EXPECT_EQ(tallestPanel({0, 0, 24, 24}, {}), 0);
 }
 
+TEST(PanelPlacementTest, atThePointerItMayLieOverItButStaysOnTheScreen) {
+    for (const int y : {0, 300, 499, 501, 999}) {
+        const QRect frame = panelFrame({700, y, 1, 1}, {288, tallestPanel(screen)}, screen);
+        EXPECT_TRUE(screen.contains(frame)) << y << ": " << frame.y();
+        EXPECT_EQ(frame.height(), 1000 - 16);
+    }
+}
+
 }  // namespace
 }  // namespace velmora
