@@ -138,16 +138,6 @@ QPainterPath copy() {
     return path;
 }
 
-QPainterPath warning() {
-    QPainterPath path(QPointF(10, 3));
-    path.lineTo(17.75, 16.5);
-    path.lineTo(2.25, 16.5);
-    path.closeSubpath();
-    path.addPath(lineFrom({10, 8}, {10, 11.75}));
-    path.addEllipse(QPointF(10, 14.1), 0.3, 0.3);
-    return path;
-}
-
 QPainterPath pathOf(Glyph glyph) {
     QPainterPath path;
     switch (glyph) {
@@ -164,10 +154,6 @@ QPainterPath pathOf(Glyph glyph) {
             return eye(true);
         case Glyph::copy:
             return copy();
-        case Glyph::cross:
-            path = lineFrom({5.5, 5.5}, {14.5, 14.5});
-            path.addPath(lineFrom({14.5, 5.5}, {5.5, 14.5}));
-            break;
         case Glyph::display:
             return screenOnFoot(false);
         case Glyph::eye:
@@ -197,8 +183,6 @@ QPainterPath pathOf(Glyph glyph) {
             return box({3, 4.5, 14, 11});
         case Glyph::tower:
             return tower();
-        case Glyph::warning:
-            return warning();
     }
     return path;
 }

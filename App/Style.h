@@ -48,7 +48,6 @@ enum class Glyph {
     checkmark,
     closedEye,
     copy,
-    cross,
     display,
     eye,
     help,
@@ -61,7 +60,6 @@ enum class Glyph {
     square,
     studio,
     tower,
-    warning,
 };
 void drawGlyph(QPainter& painter, Glyph glyph, const QRectF& field, const QColor& color);
 
