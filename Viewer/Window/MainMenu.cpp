@@ -31,6 +31,7 @@ QMenu* MainMenu::add(const char* title) {
 QAction* MainMenu::addItem(QMenu& menu, const char* title, std::function<void()> act) {
     QAction* const item = menu.addAction(QString::fromUtf8(title));
     connect(item, &QAction::triggered, this, [act = std::move(act)] { act(); });
+    session_.window().addAction(item);  // in full screen the menus are hidden, and their keys with them
     return item;
 }
 

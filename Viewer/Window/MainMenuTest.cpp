@@ -163,6 +163,13 @@ TEST_F(MainMenuTest, itsKeysAreTheHostsWhileKeysGoThere) {
     EXPECT_FALSE(session->isZoomed());
 
     wayOut();
+    for (const bool isFullScreen : {true, false, true}) {  // its menu is out of sight then
+        type(Qt::Key_F11, Qt::NoModifier);
+        EXPECT_EQ(window().isFullScreen(), isFullScreen);
+    }
+    EXPECT_FALSE(menu->isVisible());
+    wayOut();
+    EXPECT_TRUE(menu->isVisible());
     type(Qt::Key_W, Qt::ControlModifier);
     EXPECT_EQ(ended, "closed");
 }

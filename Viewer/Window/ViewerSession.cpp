@@ -306,7 +306,9 @@ bool ViewerSession::takeKey(const QKeyEvent& event) {
     // Whoever asked for a way out can use this window's own keys; no modifier alone opens a menu.
     if (event.type() == QEvent::ShortcutOverride)
         return !keyboard_.isSuspended() || KeyCharacters::isModifier(event.key());
-    if (const auto code = keyCodeOf(event); event.type() == QEvent::KeyPress && keyboard_.isAsked() && code &&
+    // Who is out already may have gone to full screen since, where the bars are out of sight.
+    const bool canLeave = keyboard_.isAsked() || keyboard_.isSuspended();
+    if (const auto code = keyCodeOf(event); event.type() == QEvent::KeyPress && canLeave && code &&
                                             KeyboardCapture::isWayOut(*code, inputFlagsOf(event))) {
         keyboard_.letGo();
         view.releaseEverything();
