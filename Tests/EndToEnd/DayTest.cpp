@@ -43,7 +43,7 @@ struct Track {
         constexpr double mostARound = 32;         // KiB; the diary alone grows by some
         constexpr std::size_t mostInAll = 16384;  // KiB
         ASSERT_GT(rounds.size(), 3U);
-        EXPECT_EQ(rounds.back().threads, rounds.front().threads) << name;
+        EXPECT_LE(rounds.back().threads, rounds.front().threads) << name;  // idle ones of pools end
         EXPECT_LE(rounds.back().descriptors, rounds.front().descriptors + 2)
             << name;                              // of a clipboard's moment
         if (std::getenv("ASAN_OPTIONS")) return;  // the sanitizer holds on to what has been freed
@@ -105,21 +105,21 @@ protected:
     }
 
     void zoomAndScroll() {
-        for (int i = 0; i < 3; ++i) ASSERT_TRUE(person->press(*viewer, "push button", "Zoom in"));
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(person->press(*application, "push button", "Zoom in"));
         ASSERT_TRUE(pointAt(0.2, 0.8) && pointAt(0.8, 0.3));
         ASSERT_TRUE(person->use({"click", "--repeat", "5", "--delay", "10", "4"}));
         ASSERT_TRUE(hostGets(Kind::buttonUp, 5, 4));
         ASSERT_TRUE(person->use({"click", "--repeat", "5", "--delay", "10", "5"}));
         ASSERT_TRUE(hostGets(Kind::buttonUp, 5, 5));
-        for (int i = 0; i < 3; ++i) ASSERT_TRUE(person->press(*viewer, "push button", "Zoom out"));
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(person->press(*application, "push button", "Zoom out"));
     }
 
     void moveTheWindow(std::uint32_t color) {
-        ASSERT_TRUE(person->press(*viewer, "push button", "Full Screen"));
+        ASSERT_TRUE(person->press(*application, "push button", "Full Screen"));
         ASSERT_TRUE(
             eventually([&] { return seesPicture(color) && picture.height >= personSize.height - 2; }));
         ASSERT_TRUE(pointAt(0.5, 0.0));
-        ASSERT_TRUE(person->press(*viewer, "push button", "Full Screen"));
+        ASSERT_TRUE(person->press(*application, "push button", "Full Screen"));
         ASSERT_TRUE(eventually([&] { return seesPicture(color) && picture.height < personSize.height - 2; }));
         for (const auto& [width, height] : {std::pair{"820", "600"}, {"1000", "688"}}) {
             ASSERT_TRUE(
@@ -140,16 +140,15 @@ protected:
         EXPECT_FALSE(hostWindow->isAnythingDown());
         ASSERT_TRUE(person->use({"keyup", "k", "keyup", "shift"}));
     }
-
-    std::unique_ptr<RunningProgram> viewer;
 };
 
 TEST_F(Day, leavesNothingBehind) {
     begin();
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_NO_FATAL_FAILURE(startHostDesk());
-    viewer = open({VIEW_PROGRAM, hostDigits(), "--password", password, "--name", "Desk"});
-    ASSERT_TRUE(seesPicture(red)) << viewer->said() << diaryOf("person");
+    ASSERT_NO_FATAL_FAILURE(startApplication());
+    ASSERT_TRUE(openPanel() && addDevice("Desk", password));
+    ASSERT_TRUE(seesPicture(red)) << application->said() << diaryOf("person");
 
     constexpr int warmUp = 2;  // rounds in which caches fill
     Track viewers{"viewer"}, hosts{"host"};
@@ -158,15 +157,18 @@ TEST_F(Day, leavesNothingBehind) {
         ASSERT_NO_FATAL_FAILURE(work(round));
         if (round < warmUp) continue;
         std::cout << fmt::format("round {}:", round);
-        viewers.add(*viewer);
+        viewers.add(*application);
         hosts.add(*host);
         std::cout << std::endl;
     }
     std::cout << fmt::format("a round: viewer {} KiB, host {} KiB\n", viewers.kibARound(), hosts.kibARound());
     viewers.expectFlat();
     hosts.expectFlat();
-    EXPECT_THAT(complaintsOf("person"), testing::IsEmpty());
-    EXPECT_THAT(complaintsOf("host", {"Could not create the virtual display"}), testing::IsEmpty());
+    const std::string noSpareOutput = "Could not create the virtual display";
+    EXPECT_THAT(diaryOf("person"), testing::HasSubstr("showing video"));
+    EXPECT_THAT(complaintsOf("person", {noSpareOutput, "software decode", "whether a text field has"}),
+                testing::IsEmpty());
+    EXPECT_THAT(complaintsOf("host", {noSpareOutput, "whether a text field has"}), testing::IsEmpty());
 }
 
 }  // namespace

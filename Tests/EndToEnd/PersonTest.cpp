@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
 #include <sstream>
 
 namespace velmora {
@@ -23,6 +25,11 @@ void PersonTest::begin(Person::Options options) {
         RunningProgram::Place{.home = homeOf("service")});
     options.home = homeOf("person");
     options.screen = personSize;
+    if (const char* const theme = std::getenv("VELMORA_PICTURES_THEME")) {
+        std::filesystem::create_directories(options.home / "config/velmora");
+        std::ofstream(options.home / "config/velmora/preferences.json")
+            << fmt::format(R"({{"appTheme": "{}"}})", theme);
+    }
     person = std::make_unique<Person>(options);
     ASSERT_EQ(person->error(), "");
 }
@@ -33,12 +40,16 @@ std::unique_ptr<RunningProgram> PersonTest::open(const std::vector<std::string>&
 
 void PersonTest::startHostDesk() {
     ASSERT_NO_FATAL_FAILURE(startServer(XServerFixture::Kind::xvfb, hostSize));
-    hostDesktop_ = startOnScreen({"icewm"});  // whose tray takes the host's item
-    ASSERT_TRUE(eventually([this] { return screen().hasWindowManager(); }));
-    launchHostAt(server().display());
+    ASSERT_NO_FATAL_FAILURE(startHostWithDesktop());
     hostWindow = std::make_unique<XInputWindow>(server().display());
     ASSERT_TRUE(hostWindow->ok());
     paint(red);
+}
+
+void PersonTest::startHostWithDesktop() {
+    hostDesktop_ = startOnScreen({"icewm"});  // whose tray takes the host's item
+    ASSERT_TRUE(eventually([this] { return screen().hasWindowManager(); }));
+    launchHostAt(server().display());
 }
 
 void PersonTest::launchHostAt(const std::string& display) {
@@ -91,6 +102,14 @@ std::string PersonTest::hostDigits() const {
     std::string digits = hostId();
     std::erase(digits, ' ');
     return digits;
+}
+
+void PersonTest::keepViewerPicture(const std::string& name) {
+    if (!std::getenv("VELMORA_PICTURES")) return;
+    show(screen(), desktopImage(hostSize));
+    person->keepPicture(name);
+    paint(red);
+    ASSERT_TRUE(seesPicture(red));
 }
 
 void PersonTest::paint(std::uint32_t color) {

@@ -30,7 +30,9 @@ protected:
     std::unique_ptr<RunningProgram> open(const std::vector<std::string>& command);
     /// A host, which is `host` then, with `hostWindow` before all else on its screen, and painted red.
     void startHostDesk();
-    /// The same without a screen of the host's making, for one that is there.
+    /// A host on the screen that `startServer` made, with a desktop around it.
+    void startHostWithDesktop();
+    /// The same without a desktop of its own.
     void launchHostAt(const std::string& display);
 
     /// The person's own Velmora, which is `application` then.
@@ -46,6 +48,8 @@ protected:
     bool closeWindow(const std::string& name);
 
     void paint(std::uint32_t color);
+    /// Person::keepPicture, with something to look at on the host's screen.
+    void keepViewerPicture(const std::string& name);
     /// Waits until the person's screen shows the host's in this colour; `picture` is then where.
     bool seesPicture(std::uint32_t color);
     /// A place in the picture, in parts of its width and height.

@@ -58,7 +58,8 @@ ScreenImage desktopImage(PixelSize size) {
 void show(XTestClient& client, const ScreenImage& image, int x, int y) {
     xcb_connection_t* connection = client.connection();
     const auto pen = xcb_generate_id(connection);
-    xcb_create_gc(connection, pen, client.root(), 0, nullptr);
+    const std::uint32_t subwindows = XCB_SUBWINDOW_MODE_INCLUDE_INFERIORS;
+    xcb_create_gc(connection, pen, client.root(), XCB_GC_SUBWINDOW_MODE, &subwindows);
     const auto width = static_cast<std::uint16_t>(image.size.width);
     for (int row = 0; row < image.size.height; row += rowsAtOnce) {
         const auto count = std::min(rowsAtOnce, image.size.height - row);

@@ -20,7 +20,7 @@ struct ScreenImage {
 /// What a desktop is made of: windows with fine text, and a field of gradients.
 ScreenImage desktopImage(PixelSize size);
 
-/// Draws on the root window; returns when it is on the screen.
+/// Draws on the screen, over whatever windows are there; returns when it is done.
 void show(XTestClient& client, const ScreenImage& image, int x = 0, int y = 0);
 
 /// What the server shows there; none if it does not say.

@@ -195,7 +195,8 @@ void CaptureToast::place() {
 
 QSize CaptureToast::wantedSize() const {
     constexpr int sign = 20;
-    const int wanted = fontMetrics().horizontalAdvance(words_) + sign + 5 * grid;
+    // Widths are fractions: what is rounded down would be cut in the middle.
+    const int wanted = fontMetrics().horizontalAdvance(words_) + 1 + sign + 5 * grid;
     const int room = parentWidget()->width() - 4 * grid;
     return {std::min(wanted, std::max(room, 0)), 5 * grid};
 }
