@@ -110,6 +110,7 @@ void AppDelegate::startServer() {
     awaitsPassword_ = true;
     identityChanged();
     devices_.ownName = services_.server.machine.localizedName();
+    devices_.ownHostID = identity_.id();
     devices_.rebuild();
     change([](MenuModel::State& state) { state.serverRunning = true; });
 }

@@ -156,9 +156,11 @@ std::vector<RemoteDevices::Found> RemoteDevices::currentlyFound() {
         if (const auto kind = textIn(txt, "kind")) {
             services_.preferences.set(PreferenceKeys::macKindOf(name), *kind);
         }
-        if (name == ownName || std::ranges::count(entries, name, &Found::name) > 0) continue;
         auto hostID = textIn(txt, "id");
         if (hostID && userPerceivedCharacters(*hostID).size() != hostIdLength) hostID.reset();
+        // Of two machines with one name the network renames one: the ID tells them apart.
+        const bool isOwn = ownName && (hostID && ownHostID ? hostID == ownHostID : name == ownName);
+        if (isOwn || std::ranges::count(entries, name, &Found::name) > 0) continue;
         entries.push_back({name, Endpoint::service(service.name, service.type, service.domain),
                            textIn(txt, "fp"), std::move(hostID)});
     }

@@ -70,6 +70,8 @@ public:
     /// This machine's own name on the network while it advertises itself, so that it does not list itself.
     /// Call `rebuild` after a change.
     std::optional<std::string> ownName;
+    /// Its Host ID; decides where the network tells one, since another machine may have the same name.
+    std::optional<std::string> ownHostID;
 
     /// Found ones first, then saved ones, each group sorted by name.
     const std::vector<Device>& devices() const { return devices_; }

@@ -194,6 +194,12 @@ TEST_F(RemoteDevicesTest, doesNotListThisMachineWhileItAdvertises) {
     devices->ownName = "Me";
     devices->rebuild();
     EXPECT_THAT(names(), ElementsAre("Other"));
+
+    advertised.clear();
+    devices->ownHostID = "123456789";
+    advertise("Me", {{"id", "987654321"}});  // was there first
+    advertise("Me #2", {{"id", "123456789"}});
+    EXPECT_THAT(names(), ElementsAre("Me"));
 }
 
 TEST_F(RemoteDevicesTest, foundOnesStandAboveSavedOnesEachInTheOrderOfNames) {
