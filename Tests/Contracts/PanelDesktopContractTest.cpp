@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
@@ -41,9 +42,11 @@ public:
     PanelDesktop& desktop() { return desktop_; }
     PanelDesktop::WindowId window() const { return window_; }
     bool isUnlisted() {
-        const auto* value = xcb_get_property_reply(
-            x(), xcb_get_property(x(), 0, window_, atom("_NET_WM_STATE"), XCB_ATOM_ATOM, 0, 8), nullptr);
-        const auto* states = static_cast<const xcb_atom_t*>(xcb_get_property_value(value));
+        const std::unique_ptr<xcb_get_property_reply_t, void (*)(void*)> value{
+            xcb_get_property_reply(
+                x(), xcb_get_property(x(), 0, window_, atom("_NET_WM_STATE"), XCB_ATOM_ATOM, 0, 8), nullptr),
+            std::free};
+        const auto* states = static_cast<const xcb_atom_t*>(xcb_get_property_value(value.get()));
         return value->length > 0 && states[0] == atom("_NET_WM_STATE_SKIP_TASKBAR");
     }
     void manageWindows() {
