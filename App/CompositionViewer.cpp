@@ -6,6 +6,7 @@
 #include "Platform/Linux/Painting/YuvPicturePainter.h"
 #include "Platform/Linux/System/PngFile.h"
 #include "Platform/Linux/System/PrivateFile.h"
+#include "Platform/Linux/Window/GraphicsProcessor.h"
 #include "Platform/Linux/Window/ShortcutGrabs.h"
 #include "Viewer/Session/SignalingRendezvousPath.h"
 #include "Viewer/Window/DesktopFolders.h"
@@ -61,7 +62,8 @@ ViewerSession::Services ViewerServices::forSession() {
             .statsFolder = stateFolder() / "stats",
             .isPointerHeld = [this] { return pointer_.isButtonHeld(); },
             .revealFile = DesktopFolders::reveal,
-            .clipboard = shared_.forClipboard()};
+            .clipboard = shared_.forClipboard(),
+            .rendering = hasGraphicsProcessor() ? Rendering::graphicsProcessor : Rendering::software};
 }
 
 }  // namespace velmora

@@ -52,7 +52,7 @@ std::optional<std::int64_t> buttonOf(Qt::MouseButton button) {
 }  // namespace
 
 VideoView::VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences,
-                     QWidget* parent)
+                     QWidget* parent, Rendering rendering)
     : QWidget(parent), painter_(std::move(painter)), preferences_(preferences) {
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAttribute(Qt::WA_NoSystemBackground);
@@ -60,6 +60,13 @@ VideoView::VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceSt
     setMouseTracking(true);
     setFocusPolicy(Qt::StrongFocus);
     setAccessibleName(QStringLiteral("Screen of the other Mac"));
+    if (rendering == Rendering::software) return;
+    gl_ = new GlPicture([this] { return scene(); }, this);
+    gl_->onFailed = [this] {
+        gl_->hide();
+        std::exchange(gl_, nullptr)->deleteLater();
+        update();
+    };
 }
 
 // The picture
@@ -67,6 +74,7 @@ VideoView::VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceSt
 void VideoView::showPicture(SharedPicture picture) {
     const SharedPicture before = std::exchange(picture_, std::move(picture));
     if (!picture_) return;
+    if (gl_) return redraw();
     const PixelSize size = picture_->size;
     if (!before || before->size != size) return repaint();
     const PixelRect changed = changedPart(*before, *picture_);
@@ -87,7 +95,7 @@ void VideoView::showPicture(SharedPicture picture) {
 
 void VideoView::setStreamSize(PixelSize size) {
     geometry_.stream = size;
-    update();
+    redraw();
 }
 
 void VideoView::setZoom(double zoom) {
@@ -95,7 +103,7 @@ void VideoView::setZoom(double zoom) {
     if (zoom == geometry_.zoom) return;
     geometry_.zoom = zoom;
     if (zoom <= PictureGeometry::leastZoom) geometry_.pointer.reset();
-    update();
+    redraw();
 }
 
 /// Where all of the picture lies, in pixels of the window.
@@ -117,7 +125,21 @@ PixelRect VideoView::place() const {
     return to;
 }
 
+GlPicture::Scene VideoView::scene() const {
+    PixelRect to = place();
+    const QPointF origin = mapTo(window(), QPointF(0, 0)) * pixelRatio();
+    to.x -= static_cast<int>(std::lround(origin.x()));
+    to.y -= static_cast<int>(std::lround(origin.y()));
+    return {.picture = picture_, .place = to, .light = flash_ ? flash_->currentValue().toFloat() : 0};
+}
+
+void VideoView::redraw() {
+    if (gl_) return gl_->update();
+    update();
+}
+
 void VideoView::paintEvent(QPaintEvent* event) {
+    if (gl_) return;
     const PixelRect to = place();
     const double ratio = pixelRatio();
     const QPoint origin = mapTo(window(), QPoint(0, 0));
@@ -165,7 +187,8 @@ void VideoView::paintPart(const QRect& part, const PixelMemory& memory) const {
 void VideoView::resizeEvent(QResizeEvent*) {
     geometry_.width = width();
     geometry_.height = height();
-    update();
+    if (gl_) gl_->setGeometry(rect());
+    redraw();
 }
 
 void VideoView::flash() {
@@ -175,10 +198,10 @@ void VideoView::flash() {
     flash_->setEndValue(0.0);
     flash_->setDuration(flashMilliseconds);
     flash_->setEasingCurve(QEasingCurve::OutQuad);
-    connect(flash_, &QVariantAnimation::valueChanged, this, [this] { update(); });
+    connect(flash_, &QVariantAnimation::valueChanged, this, [this] { redraw(); });
     connect(flash_, &QVariantAnimation::finished, this, [this] {
         std::exchange(flash_, nullptr)->deleteLater();
-        update();
+        redraw();
     });
     flash_->start();
 }
@@ -192,7 +215,7 @@ PictureGeometry::Point VideoView::fractionsAt(const QPointF& position) const {
 void VideoView::follow(const QMouseEvent& event) {
     if (geometry_.zoom <= PictureGeometry::leastZoom) return;
     geometry_.pointer = {event.position().x(), event.position().y()};
-    update();
+    redraw();
 }
 
 void VideoView::keepButtons(const QMouseEvent& event) {

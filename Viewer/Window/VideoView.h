@@ -9,6 +9,7 @@
 #include "Platform/PicturePainter.h"
 #include "Platform/PreferenceStore.h"
 #include "VelmoraKit/Wire/CursorShape.h"
+#include "Viewer/Window/GlPicture.h"
 #include "Viewer/Window/KeyCharacters.h"
 #include "Viewer/Window/PictureGeometry.h"
 #include "Viewer/Window/ViewerInput.h"
@@ -17,13 +18,18 @@ class QVariantAnimation;
 
 namespace velmora {
 
-/// The part of a window that shows the host's picture and turns what happens over it into input. Only what
-/// changed of a picture is drawn, straight into the window's memory, before `showPicture` returns. On the
-/// main queue.
+/// Who draws the host's picture.
+enum class Rendering { software, graphicsProcessor };
+
+/// The part of a window that shows the host's picture and turns what happens over it into input. In software
+/// only what changed of a picture is drawn, straight into the window's memory, before `showPicture` returns.
+/// The graphics processor draws all of it in the next turn of the event loop; where it fails the view goes on
+/// in software. On the main queue.
 class VideoView final : public QWidget {
 public:
     /// `preferences` outlives the view.
-    VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences, QWidget* parent);
+    VideoView(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences, QWidget* parent,
+              Rendering rendering = Rendering::software);
 
     std::function<void(bool)> onMouseInsideChanged;
     /// A button was pressed over the view.
@@ -71,6 +77,8 @@ protected:
 private:
     double pixelRatio() const { return devicePixelRatioF(); }
     PixelRect place() const;
+    GlPicture::Scene scene() const;
+    void redraw();
     void paintPart(const QRect& part, const PixelMemory& memory) const;
     void follow(const QMouseEvent& event);
     PictureGeometry::Point fractionsAt(const QPointF& position) const;
@@ -93,6 +101,7 @@ private:
     bool isMouseInside_ = false;
     bool capsLock_ = false;
     QVariantAnimation* flash_ = nullptr;  // a child; while it shines
+    GlPicture* gl_ = nullptr;             // a child, over all of the view; none: drawn in software
 };
 
 }  // namespace velmora

@@ -52,7 +52,7 @@ ViewerSession::ViewerSession(ViewerOptions options, Services services)
       preferences_(services_.connection.preferences),
       shownName_(QString::fromStdString(printableLine(options.name, longestName))),
       slot_(std::make_shared<PictureSlot>(main_)),
-      window_(services_.makePainter(), preferences_, main_),
+      window_(services_.makePainter(), preferences_, main_, services_.rendering),
       keyboard_([this](bool take) { return grabKeys(take); }, main_),
       follower_([this] { return displayRequest(); }, services_.isPointerHeld, main_),
       shapeKeeper_(services_.isPointerHeld, main_),

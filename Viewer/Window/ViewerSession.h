@@ -44,6 +44,7 @@ public:
         std::function<void(const std::filesystem::path&)> revealFile;
         std::function<void()> showDebugLog;                  // none: there is no such window
         std::optional<ClipboardSync::Services> clipboard{};  // none: it is not shared
+        Rendering rendering = Rendering::software;
     };
     ViewerSession(ViewerOptions options, Services services);
     ~ViewerSession();

@@ -27,8 +27,8 @@ constexpr QSizeF usualFrame{16, 40};  // while the window manager has not put it
 }  // namespace
 
 ViewerWindow::ViewerWindow(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences,
-                           Queue& main)
-    : view_(new VideoView(std::move(painter), preferences, this)),
+                           Queue& main, Rendering rendering)
+    : view_(new VideoView(std::move(painter), preferences, this, rendering)),
       toolbar_(new ViewerToolbar(this)),
       connecting_(new ConnectingOverlay(view_)),
       stats_(new StatsOverlayView(view_)),

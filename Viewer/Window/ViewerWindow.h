@@ -23,7 +23,8 @@ namespace velmora {
 /// picture has all of the window, and the bars come over it when the pointer rests at the top edge.
 class ViewerWindow final : public QWidget {
 public:
-    ViewerWindow(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences, Queue& main);
+    ViewerWindow(std::unique_ptr<PicturePainter> painter, const PreferenceStore& preferences, Queue& main,
+                 Rendering rendering);
 
     std::function<void()> onResized;  // of the picture's part, or its screen has other pixels now
     std::function<void()> onActiveChanged;
