@@ -43,6 +43,7 @@
 #include "Platform/Linux/Secrets/GnuTlsKeyStore.h"
 #include "Platform/Linux/Secrets/LinuxSecretStore.h"
 #include "Platform/Linux/Secrets/SecretServiceKeyring.h"
+#include "Platform/Linux/System/FreedMemory.h"
 #include "Platform/Linux/System/JsonPreferenceStore.h"
 #include "Platform/Linux/System/PrivateFile.h"
 #include "Platform/Linux/System/SystemLog.h"
@@ -220,6 +221,7 @@ public:
             contents, QtWindows::Services{.main = shared_.main,
                                           .preferences = shared_.preferences,
                                           .pasteboard = *shared_.pasteboard,
+                                          .alerts = alerts_,
                                           .statusItem = statusItem_,
                                           .forSession = [this] { return viewer_.forSession(); },
                                           .panel = panel});
@@ -258,6 +260,7 @@ int tellSecondStart(const SingleInstance& instance) {
 }  // namespace
 
 int runApplication(int argc, char** argv, const SignalingUrl& rendezvous) {
+    returnFreedPictures();
     QuitSignals quitSignals;  // before any thread
     const auto qt = makeQt(argc, argv);
     SingleInstance instance(SingleInstance::defaultPlace());

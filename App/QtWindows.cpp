@@ -47,6 +47,9 @@ QtWindows::~QtWindows() = default;
 std::unique_ptr<Windows::Viewer> QtWindows::makeViewer(ViewerOptions options) {
     ViewerSession::Services services = services_.forSession();
     services.showDebugLog = [this] { showDebugLog(Focus::taken); };
+    services.showAlert = [this](const std::string& title, const std::string& text) {
+        services_.alerts.show({.title = title, .text = text});
+    };
     return std::make_unique<Session>(std::move(options), services,
                                      MainMenu::Application{.about = [this] { showAbout(); },
                                                            .openSettings = onOpenSettings,

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "App/Alerts.h"
 #include "App/MenuPanelController.h"
 #include "App/StatusItem.h"
 #include "App/Windows.h"
@@ -26,6 +27,7 @@ public:
         Queue& main;
         PreferenceStore& preferences;
         Pasteboard& pasteboard;
+        Alerts& alerts;
         StatusItem& statusItem;
         std::function<ViewerSession::Services()> forSession;
         MenuPanelController::Parameters panel;

@@ -50,6 +50,8 @@ protected:
                 .statsFolder = scratch / "stats",
                 .isPointerHeld = [this] { return isPointerHeld; },
                 .revealFile = [this](const std::filesystem::path& file) { revealed.push_back(file); },
+                .showAlert = [this](const std::string& title,
+                                    const std::string&) { alerts.push_back(title); },
                 .clipboard = ClipboardSync::Services{.pasteboard = pasteboard,
                                                      .archiver = archiver,
                                                      .main = main,
@@ -113,6 +115,7 @@ protected:
     ScratchFolder scratch;
     FrameSnapshot snapshots{scratch / "frames", jpeg, worker};
     bool diskIsFull = false;
+    std::vector<std::string> alerts;
     CaptureFiles captures{{.preferences = preferences,
                            .main = main,
                            .worker = worker,

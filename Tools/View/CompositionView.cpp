@@ -9,8 +9,10 @@
 #include "App/AboutWindow.h"
 #include "App/CompositionViewer.h"
 #include "App/DebugLogWindow.h"
+#include "App/QtAlerts.h"
 #include "Platform/Linux/EventLoop/QtMainQueue.h"
 #include "Platform/Linux/EventLoop/QuitSignals.h"
+#include "Platform/Linux/System/FreedMemory.h"
 #include "Platform/Linux/Window/X11KeyboardWatch.h"
 #include "VelmoraKit/Core/Utf8.h"
 #include "Viewer/Window/Appearance.h"
@@ -42,6 +44,7 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
     }
     if (!qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "wayland");  // by itself it would go by the name of the session
+    returnFreedPictures();
     QuitSignals quitSignals;
     int argc = 1;
     char program[] = "velmora-view";
@@ -56,6 +59,7 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
 
     DebugLogWindow diary({DebugLog::shared(), main, shared.preferences, *shared.pasteboard});
     AboutWindow about;
+    QtAlerts alerts(main);
     const MainMenu::Application menu{
         .about = [&about] { about.present(); },
         .quit = [] { QCoreApplication::quit(); },
@@ -67,6 +71,9 @@ int runView(const ViewOptions& options, const SignalingUrl& rendezvous) {
         host.clientName = shared.machine.localizedName();
         auto sessionServices = services.forSession();
         sessionServices.showDebugLog = menu.showDebugLog;
+        sessionServices.showAlert = [&alerts](const std::string& title, const std::string& text) {
+            alerts.show({.title = title, .text = text});
+        };
         auto& session = *sessions.emplace_back(
             std::make_unique<ViewerSession>(std::move(host), std::move(sessionServices)));
         session.window().setMenuBar(*new MainMenu(session, menu));

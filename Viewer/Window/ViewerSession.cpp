@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <QApplication>
-#include <QMessageBox>
 #include <QScreen>
 #include <QWindow>
 #include <algorithm>
@@ -370,12 +369,7 @@ void ViewerSession::captureSaved(const CaptureFiles::Saved& saved) {
     if (!saved) {
         const CaptureError& error = saved.error();
         debugLog(fmt::format("⚠︎ Screenshot not saved: {}", error.description));
-        if (closed_) return;
-        auto* const alert = new QMessageBox(QMessageBox::Warning, QStringLiteral("Velmora"),
-                                            textOf(error.description), QMessageBox::Ok, &window_);
-        alert->setInformativeText(textOf(error.suggestion));
-        alert->setAttribute(Qt::WA_DeleteOnClose);
-        alert->open();
+        if (!closed_ && services_.showAlert) services_.showAlert(error.description, error.suggestion);
         return;
     }
     debugLog(fmt::format("Screenshot saved: {}", saved->string()));

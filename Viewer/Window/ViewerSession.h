@@ -42,7 +42,9 @@ public:
         /// Whether a button of the pointer is held, over whatever window; none: unknown.
         std::function<bool()> isPointerHeld;
         std::function<void(const std::filesystem::path&)> revealFile;
-        std::function<void()> showDebugLog;                  // none: there is no such window
+        std::function<void()> showDebugLog;  // none: there is no such window
+        /// Tells the person at once what went wrong; the session goes on.
+        std::function<void(const std::string& title, const std::string& text)> showAlert;
         std::optional<ClipboardSync::Services> clipboard{};  // none: it is not shared
         Rendering rendering = Rendering::software;
     };
