@@ -131,7 +131,8 @@ std::optional<SpareKeys::Code> SpareKeys::codeFor(xkb_keysym_t symbol) {
 }
 
 bool SpareKeys::needsSettling(const Slot& slot) const {
-    return slot.symbol != XKB_KEY_NoSymbol && slot.lastUse > settledAt_ &&
+    // Used in the very microsecond in which the settling ended is used after it.
+    return slot.symbol != XKB_KEY_NoSymbol && slot.lastUse >= settledAt_ &&
            HostClock::now() - slot.lastUse < longestSettling;
 }
 
