@@ -57,6 +57,8 @@ endfunction()
 
 # What ThreadSanitizer needs built.
 add_custom_target(threadTests)
+# And what the fuzz run does: no window has a fuzzer, and clang with sanitizers is slow.
+add_custom_target(fuzzers)
 
 # velmora_test(NAME SOURCES a.cpp ... LIBS lib ... [LABELS l ...] [TIMEOUT seconds] [SERIAL])
 # LABELS: "threads" marks what ThreadSanitizer runs; "system" what needs an X server, sockets or a bus.
@@ -109,6 +111,7 @@ function(velmora_fuzzer name)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
     target_link_libraries(${name} PRIVATE ${ARG_LIBS})
     set_property(GLOBAL APPEND PROPERTY VELMORA_FUZZERS ${name})
+    add_dependencies(fuzzers ${name})
 endfunction()
 
 # velmora_wayland_protocol(VARIABLE client|server PATH): code for a protocol of Debian's wayland-protocols, named without
