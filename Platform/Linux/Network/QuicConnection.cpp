@@ -571,7 +571,7 @@ ngtcp2_ssize QuicConnection::writeStream(std::int64_t id, OutgoingStream& stream
 
 std::optional<ngtcp2_ssize> QuicConnection::writeDatagrams(std::span<std::uint8_t> room, ngtcp2_path& path,
                                                            ngtcp2_tstamp time) {
-    while (ready_ && !datagrams_.empty()) {
+    while (ready_ && !datagrams_.isEmpty()) {
         bool again = false;
         const auto size = writeDatagram(room, path, time, again);
         if (!again) return size;
@@ -582,11 +582,11 @@ std::optional<ngtcp2_ssize> QuicConnection::writeDatagrams(std::span<std::uint8_
 /// `again`: the first datagram is gone, the next may be tried.
 ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_path& path,
                                            ngtcp2_tstamp time, bool& again) {
-    const QueuedDatagram& first = datagrams_.front();
+    const DatagramQueue::Entry& first = datagrams_.front();
     const auto usable = usableDatagramSize();
     if (!usable || first.bytes->size() > *usable) {
         ++counts_.datagramsDropped;
-        dropFrontDatagram();
+        datagrams_.dropFront();
         again = true;
         return 0;
     }
@@ -602,7 +602,7 @@ ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_
                                                   sentDatagrams_.nextId(), &bytes, 1, time);
     if (size == NGTCP2_ERR_INVALID_ARGUMENT || size == NGTCP2_ERR_INVALID_STATE) {
         ++counts_.datagramsDropped;
-        dropFrontDatagram();
+        datagrams_.dropFront();
         again = true;
         return 0;
     }
@@ -611,14 +611,9 @@ ngtcp2_ssize QuicConnection::writeDatagram(std::span<std::uint8_t> room, ngtcp2_
         counts_.bytesSent += first.bytes->size();
         lastDatagram_ = timeOf(time);
         sentDatagrams_.add(first.tag, lastDatagram_);
-        dropFrontDatagram();
+        datagrams_.dropFront();
     }
     return size;
-}
-
-void QuicConnection::dropFrontDatagram() {
-    pendingDatagramBytes_ -= datagrams_.front().bytes->size();
-    datagrams_.pop_front();
 }
 
 SocketAddress QuicConnection::remote() const {
@@ -661,24 +656,6 @@ bool QuicConnection::isStreamDelivered(std::int64_t id) const {
 bool QuicConnection::isStreamRefused(std::int64_t id) const {
     const auto found = streams_.find(id);
     return found != streams_.end() && found->second.isRefused();
-}
-
-void QuicConnection::queueDatagrams(std::vector<SharedBytes> datagrams, std::uint64_t tag, TimePoint now) {
-    for (SharedBytes& datagram : datagrams) {
-        if (!datagram || datagram->empty()) continue;
-        pendingDatagramBytes_ += datagram->size();
-        datagrams_.push_back({std::move(datagram), tag, now});
-    }
-}
-
-void QuicConnection::discardQueuedDatagrams() {
-    datagrams_.clear();
-    pendingDatagramBytes_ = 0;
-}
-
-std::optional<QuicConnection::TimePoint> QuicConnection::oldestPendingDatagram() const {
-    if (datagrams_.empty()) return std::nullopt;
-    return datagrams_.front().since;
 }
 
 std::optional<std::size_t> QuicConnection::usableDatagramSize() const {

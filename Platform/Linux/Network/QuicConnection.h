@@ -6,16 +6,17 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/Network/BackgroundWindow.h"
 #include "Platform/Linux/Network/DatagramLedger.h"
+#include "Platform/Linux/Network/DatagramQueue.h"
 #include "Platform/Linux/Network/OutgoingStream.h"
 #include "Platform/Linux/Network/PacketBatch.h"
 #include "Platform/Linux/Network/QuicTls.h"
@@ -129,10 +130,12 @@ public:
     bool isStreamRefused(std::int64_t stream) const;
 
     /// Empty datagrams are dropped here: the library ends the process over them.
-    void queueDatagrams(std::vector<SharedBytes> datagrams, std::uint64_t tag, TimePoint now);
-    void discardQueuedDatagrams();
-    std::size_t pendingDatagramBytes() const { return pendingDatagramBytes_; }
-    std::optional<TimePoint> oldestPendingDatagram() const;
+    void queueDatagrams(std::vector<SharedBytes> datagrams, std::uint64_t tag, TimePoint now) {
+        datagrams_.add(std::move(datagrams), tag, now);
+    }
+    void discardQueuedDatagrams() { datagrams_.clear(); }
+    std::size_t pendingDatagramBytes() const { return datagrams_.bytes(); }
+    std::optional<TimePoint> oldestPendingDatagram() const { return datagrams_.oldest(); }
     /// Largest datagram that fits the path now; none if the peer takes none.
     std::optional<std::size_t> usableDatagramSize() const;
     PathStatistics statistics() const;
@@ -140,12 +143,6 @@ public:
 private:
     enum class Phase { open, closing, draining, gone };
     struct Callbacks;
-    struct QueuedDatagram {
-        SharedBytes bytes;
-        std::uint64_t tag;
-        TimePoint since;
-    };
-
     QuicConnection(std::shared_ptr<const QuicTls> tls, Observer& observer, const Parameters& parameters,
                    const SocketAddress& local, const SocketAddress& remote);
     Status attachTls();
@@ -164,7 +161,6 @@ private:
                                                ngtcp2_tstamp time);
     bool isLong(const OutgoingStream& stream) const { return stream.waiting() > parameters_.longMessage; }
     void widenBackground(const OutgoingStream& stream, std::uint64_t arrived);
-    void dropFrontDatagram();
     void settleOverdueDatagrams(TimePoint now);
     void tellLost(std::uint64_t tag);
     bool becomeReady();
@@ -188,8 +184,7 @@ private:
     TimePoint lingerUntil_{};
 
     std::map<std::int64_t, OutgoingStream> streams_;
-    std::deque<QueuedDatagram> datagrams_;
-    std::size_t pendingDatagramBytes_ = 0;
+    DatagramQueue datagrams_;
     bool anchorPending_ = false;
     bool datagramsAreDue_ = false;  // a stream that has much to send had its turn
     BackgroundWindow background_;   // for such a stream
